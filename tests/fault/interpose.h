@@ -1,0 +1,105 @@
+#ifndef KIV_TESTS_FAULT_INTERPOSE_H
+#define KIV_TESTS_FAULT_INTERPOSE_H
+
+#include <netdb.h>
+#include <netinet/in.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+/// Stands between the library and the C library. This executable defines the calls that the library makes (eventfd,
+/// poll, send, close, ...) and forwards each one, unless a Fault decides its result. Everything here acts on the thread
+/// that made it and ends with its scope; other threads, a server for instance, are left alone.
+namespace kiv::test {
+
+/// One call as the library made it.
+struct CallRecord {
+  std::string name;
+  std::vector<long long> args;  ///< Arguments that are numbers, in their order; pointers are left out.
+  std::string data;             ///< Bytes handed over: an address, an option value, a timer setting, data to send.
+};
+
+/// Notes the calls made while it exists. Only one at a time.
+class CallLog {
+ public:
+  CallLog();
+  CallLog(const CallLog&) = delete;
+  CallLog& operator=(const CallLog&) = delete;
+  ~CallLog();
+
+  void Note(CallRecord record) { mRecords.push_back(std::move(record)); }
+
+  /// Returns the names of all calls in their order.
+  std::vector<std::string> Names() const;
+
+  /// Returns the calls of one name in their order.
+  std::vector<CallRecord> Of(const std::string& name) const;
+
+ private:
+  std::vector<CallRecord> mRecords;
+};
+
+/// Decides the result of one call that is still to come. Fails the test when that call never came.
+class Fault {
+ public:
+  Fault(std::string name, long long result, int error, unsigned nth);
+  Fault(const Fault&) = delete;
+  Fault& operator=(const Fault&) = delete;
+  ~Fault();
+
+  /// Counts a call; true when it is the one to replace.
+  bool Takes(const std::string& name);
+
+  long long Result() const { return mResult; }
+  int Error() const { return mError; }
+
+ private:
+  std::string mName;
+  long long mResult;
+  int mError;
+  unsigned mRemaining;
+};
+
+/// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel. Two calls differ:
+/// getaddrinfo returns EAI_SYSTEM, and close does close before it reports the error, as Linux does.
+Fault FailCall(const std::string& name, int error, unsigned nth = 1);
+
+/// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
+Fault ReturnFrom(const std::string& name, long long result, unsigned nth = 1);
+
+/// Makes getaddrinfo find these addresses, in this order, whatever it is asked for. Fails the test when an answer is
+/// not freed. Only one at a time.
+class ResolverAnswer {
+ public:
+  explicit ResolverAnswer(std::vector<sockaddr_in> addresses);
+  ResolverAnswer(const ResolverAnswer&) = delete;
+  ResolverAnswer& operator=(const ResolverAnswer&) = delete;
+  ~ResolverAnswer();
+
+  addrinfo* Make(const addrinfo& hints);
+  void Free(const addrinfo* list);
+
+ private:
+  struct Entry {
+    addrinfo info;
+    sockaddr_in address;
+  };
+
+  std::vector<sockaddr_in> mAddresses;
+  std::vector<std::vector<std::unique_ptr<Entry>>> mGiven;
+};
+
+/// Reads a value back out of CallRecord::data; zero-filled when the sizes differ.
+template <typename Value>
+Value Decode(const std::string& data) {
+  Value value{};
+  if (data.size() == sizeof value) {
+    data.copy(reinterpret_cast<char*>(&value), sizeof value);
+  }
+  return value;
+}
+
+}  // namespace kiv::test
+
+#endif  // KIV_TESTS_FAULT_INTERPOSE_H
