@@ -2,9 +2,14 @@
 #define KIV_TESTS_SUPPORT_H
 
 #include <dirent.h>
+#include <kiv/net.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -32,6 +37,76 @@ inline std::pair<internal::UniqueFd, internal::UniqueFd> SocketPair() {
   int fds[2] = {-1, -1};
   (void)::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
   return {internal::UniqueFd(fds[0]), internal::UniqueFd(fds[1])};
+}
+
+/// Tells whether a read from `fd` would give something now.
+inline bool IsReadable(int fd) {
+  pollfd entry{fd, POLLIN, 0};
+  return ::poll(&entry, 1, 0) == 1 && (entry.revents & POLLIN) != 0;
+}
+
+/// Makes a non-blocking eventfd; it is readable unless `count` is 0.
+inline internal::UniqueFd EventFd(unsigned count) {
+  return internal::UniqueFd(::eventfd(count, EFD_NONBLOCK | EFD_CLOEXEC));
+}
+
+/// Returns the number that the next descriptor opened by this process gets.
+inline int NextFd() { return EventFd(0).Get(); }
+
+/// Makes every call that opens a descriptor fail with EMFILE while it lives.
+class NoNewDescriptors {
+ public:
+  NoNewDescriptors() {
+    (void)::getrlimit(RLIMIT_NOFILE, &mSaved);
+    rlimit none = mSaved;
+    none.rlim_cur = 0;
+    (void)::setrlimit(RLIMIT_NOFILE, &none);
+  }
+  NoNewDescriptors(const NoNewDescriptors&) = delete;
+  NoNewDescriptors& operator=(const NoNewDescriptors&) = delete;
+  ~NoNewDescriptors() { (void)::setrlimit(RLIMIT_NOFILE, &mSaved); }
+
+ private:
+  rlimit mSaved{};
+};
+
+/// Puts the calling thread's signal mask back at its end, after taking the signals that are still pending.
+class SignalMaskRestorer {
+ public:
+  SignalMaskRestorer() { (void)::pthread_sigmask(SIG_SETMASK, nullptr, &mSaved); }
+  SignalMaskRestorer(const SignalMaskRestorer&) = delete;
+  SignalMaskRestorer& operator=(const SignalMaskRestorer&) = delete;
+  ~SignalMaskRestorer() {
+    sigset_t blocked;
+    (void)::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    const timespec now{};
+    while (::sigtimedwait(&blocked, nullptr, &now) > 0) {
+    }
+    (void)::pthread_sigmask(SIG_SETMASK, &mSaved, nullptr);
+  }
+
+ private:
+  sigset_t mSaved{};
+};
+
+/// Tells whether the calling thread blocks `signo`.
+inline bool IsBlocked(int signo) {
+  sigset_t mask;
+  (void)::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+  return sigismember(&mask, signo) == 1;
+}
+
+/// Tells whether `signo` waits for the calling thread to unblock or read it.
+inline bool IsPending(int signo) {
+  sigset_t pending;
+  (void)::sigpending(&pending);
+  return sigismember(&pending, signo) == 1;
+}
+
+/// Runs `loop` for one wait and one dispatch: the stop is deferred by a deferred call, so it takes effect after these.
+inline void RunOnePass(net::EventLoop& loop) {
+  loop.Defer([&loop] { loop.Stop(); });
+  loop.Run();
 }
 
 }  // namespace kiv::test

@@ -18,6 +18,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <initializer_list>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -30,8 +32,8 @@ thread_local ResolverAnswer* currentAnswer = nullptr;
 thread_local std::vector<Fault*>* currentFaults = nullptr;
 
 // Notes a call. Gives the result to return instead of making it, with errno set, when a Fault asks for that.
-std::optional<long long> Intercept(const char* name, std::initializer_list<long long> args, const void* data = nullptr,
-                                   std::size_t size = 0) {
+std::optional<long long> Intercept(const char* name, const std::initializer_list<long long>& args,
+                                   const void* data = nullptr, std::size_t size = 0) {
   if (currentLog != nullptr) {
     currentLog->Note({name, args, data == nullptr ? "" : std::string(static_cast<const char*>(data), size)});
   }
@@ -58,7 +60,7 @@ void* Next(const char* name) {
 }
 
 // On 32-bit machines with 64-bit times the headers rename functions that take one, here and in the library alike.
-const char* TimeName([[maybe_unused]] const char* name64, const char* name) {
+const char* TimeName(const char* name64, const char* name) {
   return sizeof(std::time_t) > sizeof(long) ? name64 : name;
 }
 
@@ -144,8 +146,8 @@ addrinfo* ResolverAnswer::Make(const addrinfo& hints) {
 }
 
 void ResolverAnswer::Free(const addrinfo* list) {
-  const auto given = std::find_if(mGiven.begin(), mGiven.end(),
-                                  [&](const auto& entries) { return &entries.front()->info == list; });
+  const auto given =
+      std::find_if(mGiven.begin(), mGiven.end(), [&](const auto& entries) { return &entries.front()->info == list; });
   if (given == mGiven.end()) {
     EXPECT_EQ(list, nullptr) << "freed a list that the resolver did not give, or freed it twice";
     return;
@@ -160,9 +162,11 @@ using kiv::test::Intercept;
 using kiv::test::Next;
 using kiv::test::TimeName;
 
-// The C library's own declarations give these their linkage and their exception specification.
+// The C library's own declarations give these their linkage and their exception specification; its reserved parameter
+// names cannot be repeated.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
-#define NEXT_AS(function, name) (reinterpret_cast<decltype(&function)>(Next(name)))
+#define NEXT_AS(function, name) (reinterpret_cast<decltype(&(function))>(Next(name)))
 #define NEXT(function) NEXT_AS(function, #function)
 
 int eventfd(unsigned int count, int flags) noexcept {
@@ -287,11 +291,10 @@ int getaddrinfo(const char* host, const char* service, const addrinfo* hints, ad
   static const auto next = NEXT(getaddrinfo);
   const std::string asked = std::string(host) + " " + service;
   const addrinfo& h = *hints;
-  const auto instead =
-      Intercept("getaddrinfo",
-                {h.ai_flags, h.ai_family, h.ai_socktype, h.ai_protocol, h.ai_addrlen, h.ai_addr != nullptr,
-                 h.ai_canonname != nullptr, h.ai_next != nullptr},
-                asked.data(), asked.size());
+  const auto instead = Intercept("getaddrinfo",
+                                 {h.ai_flags, h.ai_family, h.ai_socktype, h.ai_protocol, h.ai_addrlen,
+                                  h.ai_addr != nullptr, h.ai_canonname != nullptr, h.ai_next != nullptr},
+                                 asked.data(), asked.size());
   if (instead) {
     // What a resolver leaves here when it fails is undefined, and nobody may look at it.
     *list = reinterpret_cast<addrinfo*>(alignof(addrinfo));
@@ -313,3 +316,5 @@ void freeaddrinfo(addrinfo* list) noexcept {
   }
   next(list);
 }
+
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

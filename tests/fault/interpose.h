@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Stands between the library and the C library. This executable defines the calls that the library makes (eventfd,
@@ -61,8 +62,8 @@ class Fault {
   unsigned mRemaining;
 };
 
-/// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel. Two calls differ:
-/// getaddrinfo returns EAI_SYSTEM, and close does close before it reports the error, as Linux does.
+/// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel. Two calls
+/// differ: getaddrinfo returns EAI_SYSTEM, and close does close before it reports the error, as Linux does.
 Fault FailCall(const std::string& name, int error, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
