@@ -1,0 +1,41 @@
+#ifndef STATUSD_STATUS_H
+#define STATUSD_STATUS_H
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <string>
+
+/// What is known of the peer.
+///
+/// States: "none" (nothing to watch), "waiting" (no result yet), "up", "slow" (the answer took too long or was cut
+/// off), "error" (an HTTP status other than 2xx), "nonsense" (not HTTP, or too much of it), "down" (no connection).
+struct PeerStatus {
+  std::string url;
+  std::string state = "none";
+  int httpStatus = 0;                         ///< 0 when the last fetch brought none.
+  std::optional<double> responseMs;           ///< Of the last fetch; empty when it failed.
+  std::deque<std::optional<double>> history;  ///< The last 60 response times, oldest first.
+  unsigned long fetches = 0;
+  unsigned long skipped = 0;  ///< Ticks that found the fetch before still under way.
+};
+
+/// Everything that the page shows. Belongs to the loop thread.
+struct Status {
+  std::string name;
+  std::chrono::steady_clock::time_point started = std::chrono::steady_clock::now();
+  unsigned long loopPasses = 0;
+  unsigned long timersFired = 0;
+  unsigned long requests = 0;
+  std::size_t clients = 0;
+  PeerStatus peer;
+};
+
+/// Returns the body of /status.json, valid UTF-8 whatever the strings hold.
+std::string ToJson(const Status& status);
+
+/// Returns one line for a person.
+std::string ToLine(const Status& status);
+
+#endif  // STATUSD_STATUS_H

@@ -1,0 +1,195 @@
+"""What the tests of statusd share: the daemon itself, and a peer for it that does what a test wants."""
+import contextlib
+import json
+import os
+import re
+import select
+import shlex
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import pytest
+
+PATIENCE = 30  # seconds that nothing should ever take
+
+
+def wait_for(condition, what):
+    """Returns the first true result of condition()."""
+    end = time.monotonic() + PATIENCE
+    while time.monotonic() < end:
+        result = condition()
+        if result:
+            return result
+        time.sleep(0.02)
+    pytest.fail(f"gave up waiting for {what}")
+
+
+def command(*options):
+    return shlex.split(os.environ.get("STATUSD_EMULATOR", "")) + [os.environ["STATUSD"], *map(str, options)]
+
+
+def read_all(connection):
+    data = b""
+    while True:
+        try:
+            chunk = connection.recv(65536)
+        except ConnectionResetError:
+            return data
+        if not chunk:
+            return data
+        data += chunk
+
+
+class Reply:
+    def __init__(self, data):
+        head, _, self.body = data.partition(b"\r\n\r\n")
+        lines = head.decode("latin-1").split("\r\n")
+        self.status = int(lines[0].split(" ")[1])
+        self.headers = dict(line.split(": ", 1) for line in lines[1:])
+
+
+class Daemon:
+    """A running statusd. Options with a value are keywords, with "_" for "-"."""
+
+    def __init__(self, *flags, **options):
+        options.setdefault("listen", "127.0.0.1:0")
+        words = [word for key, value in options.items() for word in ("--" + key.replace("_", "-"), value)]
+        self.expected_complaints = 0
+        self.process = subprocess.Popen(command(*flags, *words), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.pid = self.process.pid
+        if not select.select([self.process.stdout], [], [], PATIENCE)[0]:
+            self.process.kill()
+            pytest.fail("statusd does not say where it listens")
+        line = self.process.stdout.readline().decode()
+        found = re.fullmatch(r"listening on (http://([\d.]+):(\d+)/)\n", line)
+        if not found:
+            self.process.kill()
+            pytest.fail(f"unexpected first line {line!r}, {self.process.communicate()[1]!r}")
+        self.url, self.port = found[1], int(found[3])
+
+    def connect(self, receive_buffer=None):
+        connection = socket.socket()
+        connection.settimeout(PATIENCE)
+        if receive_buffer:
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        connection.connect(("127.0.0.1", self.port))
+        return connection
+
+    def send(self, request):
+        """Sends these bytes and returns everything that comes back."""
+        with self.connect() as connection:
+            connection.sendall(request)
+            return read_all(connection)
+
+    def ask(self, path, method="GET"):
+        return Reply(self.send(f"{method} {path} HTTP/1.1\r\nHost: h\r\n\r\n".encode()))
+
+    def status(self):
+        return json.loads(self.ask("/status.json").body.decode())
+
+    def peer(self):
+        return self.status()["peer"]
+
+    def wait_for_peer(self, state):
+        return wait_for(lambda: (peer := self.peer())["state"] == state and peer, f"peer {state}")
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def complaint(self):
+        """Waits for the next line on stderr."""
+        self.expected_complaints += 1
+        assert select.select([self.process.stderr], [], [], PATIENCE)[0], "statusd says nothing"
+        return self.process.stderr.readline().decode()
+
+    def end(self, signo=signal.SIGTERM):
+        """Ends the daemon, which must be clean: status 0 and no further word on stderr, such as a sanitizer's."""
+        if self.process.poll() is None:
+            self.process.send_signal(signo)
+        try:
+            _, errors = self.process.communicate(timeout=PATIENCE)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.communicate()
+            pytest.fail("statusd does not end")
+        assert (self.process.returncode, errors.decode()) == (0, "")
+
+
+@pytest.fixture
+def statusd():
+    """Starts daemons that end, cleanly, with the test."""
+    with contextlib.ExitStack() as stack:
+
+        def start(*flags, **options):
+            daemon = Daemon(*flags, **options)
+            stack.callback(lambda: daemon.process.returncode is None and daemon.end())
+            return daemon
+
+        yield start
+
+
+class FakePeer:
+    """Accepts connections, reads the request, and lets answer(connection) do as it likes, each on a thread."""
+
+    def __init__(self, answer):
+        self.answer = answer
+        self.requests = []
+        self.most_at_once = 0
+        self.stopping = threading.Event()
+        self._at_once = 0
+        self._lock = threading.Lock()
+        self._threads = []
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._listener.settimeout(0.1)
+        self.port = self._listener.getsockname()[1]
+        self.url = f"http://127.0.0.1:{self.port}/watched"
+        self._acceptor = threading.Thread(target=self._accept)
+        self._acceptor.start()
+
+    def _accept(self):
+        while not self.stopping.is_set():
+            with contextlib.suppress(socket.timeout):
+                thread = threading.Thread(target=self._serve, args=(self._listener.accept()[0],))
+                thread.start()
+                self._threads.append(thread)
+
+    def _serve(self, connection):
+        with self._lock:
+            self._at_once += 1
+            self.most_at_once = max(self.most_at_once, self._at_once)
+        # A connection counts until the other side has gone, not until the answer is out.
+        with connection, contextlib.suppress(OSError):
+            connection.settimeout(10)
+            self.requests.append(connection.recv(4096))
+            self.answer(connection)
+        with self._lock:
+            self._at_once -= 1
+
+    def until_gone(self, connection):
+        """Keeps the connection open, in silence, until the client closes it or the test ends."""
+        while not self.stopping.is_set():
+            if select.select([connection], [], [], 0.05)[0] and not connection.recv(4096):
+                return
+
+    def close(self):
+        self.stopping.set()
+        self._acceptor.join()
+        self._listener.close()
+        for thread in self._threads:
+            thread.join()
+
+
+@pytest.fixture
+def fake_peer():
+    """Starts peers from functions answer(peer, connection)."""
+    with contextlib.ExitStack() as stack:
+
+        def start(answer):
+            peer = FakePeer(lambda connection: answer(peer, connection))
+            stack.callback(peer.close)
+            return peer
+
+        yield start
