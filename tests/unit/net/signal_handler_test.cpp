@@ -2,13 +2,13 @@
 #include <gtest/gtest.h>
 #include <kiv/net.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -74,6 +74,9 @@ TEST_F(SignalHandlerConstruction, WatchesItsSignalOnlyAndBlocksNothing) {
 }
 
 TEST_F(SignalHandlerConstruction, WithoutASignalfdThereIsNoDescriptor) {
+  {
+    const SignalHandler seenBefore(SIGUSR2, [](int) {});
+  }
   const test::NoNewDescriptors limit;
   SignalHandler handler(SIGUSR1, Note());
   EXPECT_EQ(handler.GetFd(), -1);
@@ -349,6 +352,9 @@ TEST_F(EventLoopAddSignal, EmptyCallbackIsRegisteredAllTheSame) {
 
 TEST_F(EventLoopAddSignal, WithoutASignalfdNothingIsRegistered) {
   EventLoop::BlockSignals({SIGUSR1});
+  {
+    const SignalHandler seenBefore(SIGUSR2, [](int) {});
+  }
   EventLoop loop;
   {
     const test::NoNewDescriptors limit;

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <kiv/net.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -10,7 +9,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -120,6 +121,9 @@ TEST(TimerConstruction, KeepsTheDescriptorWhenTheKernelRefusesTheDuration) {
 }
 
 TEST(TimerConstruction, WithoutATimerfdThereIsNoDescriptor) {
+  {
+    const Timer seenBefore(Milliseconds(1), false, [] {});
+  }
   const test::NoNewDescriptors limit;
   int calls = 0;
   Timer timer(Milliseconds(1), true, [&] { ++calls; });
@@ -276,21 +280,20 @@ TEST(TimerOnEvent, ReadsItsOwnDescriptorWhateverTheArgument) {
   EXPECT_TRUE(test::IsReadable(other.Get()));
 }
 
-// Puts a pipe with `bytes` zero bytes in the place of the timerfd.
-void ReplaceByPipe(Timer& timer, std::size_t bytes) {
+// Puts a pipe with the first `bytes` bytes of `count` in the place of the timerfd.
+void ReplaceByPipe(Timer& timer, std::uint64_t count, std::size_t bytes) {
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
   const UniqueFd reading(ends[0]);
   const UniqueFd writing(ends[1]);
-  const std::array<char, 8> zeros{};
-  ASSERT_EQ(::write(writing.Get(), zeros.data(), bytes), static_cast<ssize_t>(bytes));
+  ASSERT_EQ(::write(writing.Get(), &count, bytes), static_cast<ssize_t>(bytes));
   ASSERT_EQ(::dup2(reading.Get(), timer.GetFd()), timer.GetFd());
 }
 
 TEST(TimerOnEvent, ShortReadCallsNothing) {
   int calls = 0;
   Timer timer(kHour, false, [&] { ++calls; });
-  ReplaceByPipe(timer, 7);
+  ReplaceByPipe(timer, ~std::uint64_t{0}, 7);
   timer.OnEvent(timer.GetFd(), POLLIN);
   EXPECT_EQ(calls, 0);
 }
@@ -298,7 +301,7 @@ TEST(TimerOnEvent, ShortReadCallsNothing) {
 TEST(TimerOnEvent, CountOfZeroCallsNothing) {
   int calls = 0;
   Timer timer(kHour, false, [&] { ++calls; });
-  ReplaceByPipe(timer, 8);
+  ReplaceByPipe(timer, 0, 8);
   timer.OnEvent(timer.GetFd(), POLLIN);
   EXPECT_FALSE(test::IsReadable(timer.GetFd()));
   EXPECT_EQ(calls, 0);
@@ -399,6 +402,9 @@ TEST(EventLoopAddTimer, RefusedTimersOpenNothingAndTakeNoId) {
 }
 
 TEST(EventLoopAddTimer, WithoutATimerfdTakesNoId) {
+  {
+    const Timer seenBefore(Milliseconds(1), false, [] {});
+  }
   EventLoop loop;
   {
     const test::NoNewDescriptors limit;
