@@ -24,9 +24,15 @@ EventLoop::EventLoop() {
 }
 
 EventLoop::~EventLoop() {
-  // Taken out of the table first: a handler's destructor may still call RemoveHandler or Defer on this loop.
-  std::exchange(mHandlers, {}).clear();
+  // Everything is taken out before it is destroyed, because the destructors of handlers and of what deferred calls
+  // captured may still call this loop, and may add to what is being taken out.
+  while (!mHandlers.empty()) {
+    std::exchange(mHandlers, {}).clear();
+  }
   internal::UniqueFd(std::exchange(mWakeupFd, -1)).Reset();
+  while (!mDeferred.empty()) {
+    std::exchange(mDeferred, {}).clear();
+  }
 }
 
 void EventLoop::AddHandler(std::unique_ptr<EventHandler> handler) {
@@ -77,8 +83,8 @@ void EventLoop::Run() {
     if (mPoller.Wait(-1) < 0 && errno != EINTR) {
       break;
     }
-    // Deliberate: after EINTR the results of the previous wait are dispatched again; handlers take a wakeup without
-    // news as they take any spurious one.
+    // Deliberate: after EINTR too, with the results that the array holds then. Kernels that leave the array alone show
+    // those of the previous wait once more; Linux has cleared them.
     ProcessEvents();
   }
   ProcessDeferred();

@@ -80,14 +80,11 @@ bool HttpClient::ParseUrl(const std::string& url, ParsedUrl& out) {
     return false;
   }
   const std::size_t slash = url.find('/', kScheme.size());
-  if (slash == std::string::npos) {
-    out.host = url.substr(kScheme.size());
-    out.path = "/";
-  } else {
-    out.host = url.substr(kScheme.size(), slash - kScheme.size());
-    out.path = url.substr(slash);
-  }
-  TakePort(out.host, out.port);
+  std::string host = url.substr(kScheme.size(), slash == std::string::npos ? slash : slash - kScheme.size());
+  std::string path = slash == std::string::npos ? "/" : url.substr(slash);
+  TakePort(host, out.port);
+  out.host = std::move(host);
+  out.path = std::move(path);
   return !out.host.empty();
 }
 
@@ -175,7 +172,10 @@ bool HttpClient::FollowRedirect(HttpResponse& resp, const std::string& url, Body
 
 HttpResponse HttpClient::Get(const std::string& url) {
   HttpResponse response;
-  return Exchange(url, "GET", "", "", nullptr, response) ? response : HttpResponse();
+  if (!Exchange(url, "GET", "", "", nullptr, response)) {
+    return {};
+  }
+  return response;
 }
 
 bool HttpClient::Get(const std::string& url, BodyCallback callback) {
@@ -185,7 +185,10 @@ bool HttpClient::Get(const std::string& url, BodyCallback callback) {
 
 HttpResponse HttpClient::Post(const std::string& url, const std::string& body, const std::string& contentType) {
   HttpResponse response;
-  return Exchange(url, "POST", body, contentType, nullptr, response) ? response : HttpResponse();
+  if (!Exchange(url, "POST", body, contentType, nullptr, response)) {
+    return {};
+  }
+  return response;
 }
 
 bool HttpClient::Post(const std::string& url, const std::string& body, BodyCallback callback,

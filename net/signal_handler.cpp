@@ -2,6 +2,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <utility>
 
 #include "internal/outliving_callback.h"

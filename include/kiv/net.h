@@ -103,8 +103,8 @@ class KIV_EXPORT Timer : public EventHandler {
   /// SetPeriodic and SetOneShot record. Returns whether the kernel accepted the setting (timerfd_settime(2) gives
   /// errno).
   ///
-  /// A duration of 0 stops the timer. Whole seconds count modulo 2^32 as on a 32-bit device, where a result of 2^31 or
-  /// more is refused; a negative duration is refused.
+  /// A duration of 0 stops the timer. Whole seconds are cut to a signed 32-bit number, as on a 32-bit device, and the
+  /// kernel refuses a negative result: 2^31 seconds are refused, 2^32 seconds and one more count as one.
   bool SetTimer(Milliseconds duration, bool periodic);
 
   /// Makes the timer periodic and restarts it; returns as SetTimer.
@@ -191,7 +191,7 @@ class KIV_EXPORT EventLoop {
   void RemoveHandler(int fd);
 
   /// Calls `callback` on the loop thread once, `duration` from now. Returns the timer's id, or 0 when `callback` is
-  /// empty, `duration` is negative or no timerfd can be had. Ids count up from 1.
+  /// empty, `duration` is negative or no timerfd can be had. Ids count up from 1 and wrap after 2^32 timers.
   ///
   /// A duration of 0 gives a timer that never fires. A timer that has fired keeps its id and its descriptor until
   /// RemoveTimer; remove it to release them.
@@ -403,7 +403,7 @@ KIV_EXPORT bool DrainAndShutdown(int fd, unsigned int seconds);
 
 /// What a server answered.
 struct HttpResponse {
-  int status = 0;      ///< Status code; 0 when none was read.
+  int status = 0;      ///< Status code; 0 when none was read or it was not a number.
   std::string reason;  ///< Reason phrase, without the line end.
   std::string body;    ///< Body bytes as sent (chunked coding is not undone); empty when they went to a callback.
   /// Header pairs in the order found. Only lines behind the empty line that ends the head are taken; see HttpClient.
@@ -446,7 +446,7 @@ class KIV_EXPORT HttpClient {
   void ClearHeaders();
 
   /// Fetches `url`. Returns the response, of whatever status; status 0 when the URL does not parse, no connection can
-  /// be made, no status line came, or a followed redirect failed.
+  /// be made, no status code came, or a followed redirect failed.
   HttpResponse Get(const std::string& url);
 
   /// Fetches `url` and hands the body to `callback` as it arrives. Returns true whatever the status; false when the URL
@@ -465,8 +465,8 @@ class KIV_EXPORT HttpClient {
   /// stay in the host. Does not block.
   bool ParseUrl(const std::string& url, ParsedUrl& out);
 
-  /// Resolves and connects. Returns a blocking TCP descriptor that the caller owns, or -1. When setting the time-outs
-  /// of the last address fails, the number of a descriptor closed already is returned instead of -1.
+  /// Resolves and connects. Returns a blocking TCP descriptor that the caller owns, or -1. When setting up the socket
+  /// for the last address fails, the number of a descriptor closed already is returned instead of -1.
   int Connect(const ParsedUrl& url);
 
   /// Writes one whole request with a single send(2), whose result is ignored: a failure shows as a missing response.

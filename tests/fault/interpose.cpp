@@ -31,23 +31,33 @@ thread_local CallLog* currentLog = nullptr;
 thread_local ResolverAnswer* currentAnswer = nullptr;
 thread_local std::vector<Fault*>* currentFaults = nullptr;
 
-// Notes a call. Gives the result to return instead of making it, with errno set, when a Fault asks for that.
-std::optional<long long> Intercept(const char* name, const std::initializer_list<long long>& args,
-                                   const void* data = nullptr, std::size_t size = 0) {
+void Note(const char* name, const std::initializer_list<long long>& args, const void* data, std::size_t size) {
   if (currentLog != nullptr) {
     currentLog->Note({name, args, data == nullptr ? "" : std::string(static_cast<const char*>(data), size)});
   }
-  std::optional<long long> result;
-  if (currentFaults == nullptr) {
-    return result;
-  }
-  for (Fault* fault : *currentFaults) {
-    if (fault->Takes(name)) {
-      result = fault->Result();
-      errno = fault->Error();
+}
+
+// The Fault that replaces this call, or null. All of them count it.
+const Fault* FindFault(const char* name) {
+  const Fault* found = nullptr;
+  if (currentFaults != nullptr) {
+    for (Fault* fault : *currentFaults) {
+      found = fault->Takes(name) ? fault : found;
     }
   }
-  return result;
+  return found;
+}
+
+// Notes a call. Gives the result to return instead of making it, with errno set, when a Fault asks for that.
+std::optional<long long> Intercept(const char* name, const std::initializer_list<long long>& args,
+                                   const void* data = nullptr, std::size_t size = 0) {
+  Note(name, args, data, size);
+  const Fault* const fault = FindFault(name);
+  if (fault == nullptr) {
+    return std::nullopt;
+  }
+  errno = fault->Error();
+  return fault->Result();
 }
 
 // The definition that comes after this executable's own.
@@ -86,8 +96,8 @@ std::vector<CallRecord> CallLog::Of(const std::string& name) const {
   return found;
 }
 
-Fault::Fault(std::string name, long long result, int error, unsigned nth)
-    : mName(std::move(name)), mResult(result), mError(error), mRemaining(nth) {
+Fault::Fault(std::string name, long long result, int error, unsigned nth, std::string bytes)
+    : mName(std::move(name)), mResult(result), mError(error), mRemaining(nth), mBytes(std::move(bytes)) {
   if (currentFaults == nullptr) {
     currentFaults = new std::vector<Fault*>;
   }
@@ -115,6 +125,8 @@ Fault FailCall(const std::string& name, int error, unsigned nth) {
 }
 
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth) { return {name, result, 0, nth}; }
+
+Fault GiveFromRead(const std::string& bytes) { return {"read", static_cast<long long>(bytes.size()), 0, 1, bytes}; }
 
 ResolverAnswer::ResolverAnswer(std::vector<sockaddr_in> addresses) : mAddresses(std::move(addresses)) {
   currentAnswer = this;
@@ -158,12 +170,14 @@ void ResolverAnswer::Free(const addrinfo* list) {
 }  // namespace kiv::test
 
 using kiv::test::currentAnswer;
+using kiv::test::Fault;
+using kiv::test::FindFault;
 using kiv::test::Intercept;
 using kiv::test::Next;
+using kiv::test::Note;
 using kiv::test::TimeName;
 
-// The C library's own declarations give these their linkage and their exception specification; its reserved parameter
-// names cannot be repeated.
+// The C library's own declarations give these their linkage; their reserved parameter names cannot be repeated.
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 
 #define NEXT_AS(function, name) (reinterpret_cast<decltype(&(function))>(Next(name)))
@@ -207,8 +221,14 @@ int poll(pollfd* entries, nfds_t count, int timeout) {
 
 ssize_t read(int fd, void* buffer, size_t size) {
   static const auto next = NEXT(read);
-  const auto instead = Intercept("read", {fd, static_cast<long long>(size)});
-  return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size);
+  Note("read", {fd, static_cast<long long>(size)}, nullptr, 0);
+  const Fault* const fault = FindFault("read");
+  if (fault == nullptr) {
+    return next(fd, buffer, size);
+  }
+  (void)fault->Bytes().copy(static_cast<char*>(buffer), size);
+  errno = fault->Error();
+  return static_cast<ssize_t>(fault->Result());
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
@@ -312,9 +332,10 @@ void freeaddrinfo(addrinfo* list) noexcept {
   (void)Intercept("freeaddrinfo", {});
   if (currentAnswer != nullptr) {
     currentAnswer->Free(list);
-    return;
+  } else {
+    next(list);
   }
-  next(list);
+  errno = EBADMSG;  // Freeing may change it, and the caller has to allow for that.
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -44,7 +44,7 @@ class CallLog {
 /// Decides the result of one call that is still to come. Fails the test when that call never came.
 class Fault {
  public:
-  Fault(std::string name, long long result, int error, unsigned nth);
+  Fault(std::string name, long long result, int error, unsigned nth, std::string bytes = "");
   Fault(const Fault&) = delete;
   Fault& operator=(const Fault&) = delete;
   ~Fault();
@@ -54,12 +54,14 @@ class Fault {
 
   long long Result() const { return mResult; }
   int Error() const { return mError; }
+  const std::string& Bytes() const { return mBytes; }
 
  private:
   std::string mName;
   long long mResult;
   int mError;
   unsigned mRemaining;
+  std::string mBytes;
 };
 
 /// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel. Two calls
@@ -68,6 +70,9 @@ Fault FailCall(const std::string& name, int error, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth = 1);
+
+/// Makes the next read give these bytes, and no more, whatever the descriptor has.
+Fault GiveFromRead(const std::string& bytes);
 
 /// Makes getaddrinfo find these addresses, in this order, whatever it is asked for. Fails the test when an answer is
 /// not freed. Only one at a time.

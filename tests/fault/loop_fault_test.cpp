@@ -27,8 +27,8 @@ using test::CallRecord;
 using test::CountOpenFds;
 using test::FailCall;
 using test::Fault;
+using test::GiveFromRead;
 using test::IsBlocked;
-using test::ReturnFrom;
 using test::RunOnePass;
 using test::SignalMaskRestorer;
 using Names = std::vector<std::string>;
@@ -44,6 +44,13 @@ class Watch : public EventHandler {
   int mFd;
   std::function<void()> mOnEvent;
 };
+
+// What a signalfd gives for one signal.
+std::string RecordOf(int signo) {
+  signalfd_siginfo record{};
+  record.ssi_signo = static_cast<std::uint32_t>(signo);
+  return {reinterpret_cast<const char*>(&record), sizeof record};
+}
 
 void WaitUntilReadable(int fd) {
   Poller poller;
@@ -401,11 +408,11 @@ TEST(TimerOnEvent, CallsNothingWithoutAnExpirationCount) {
     timer.OnEvent(timer.GetFd(), POLLIN);
   }
   {
-    const Fault shortRead = ReturnFrom("read", 4);
+    const Fault shortRead = GiveFromRead(std::string(7, '\1'));
     timer.OnEvent(timer.GetFd(), POLLIN);
   }
   {
-    const Fault zero = ReturnFrom("read", 8);
+    const Fault zero = GiveFromRead(std::string(8, '\0'));
     timer.OnEvent(timer.GetFd(), POLLIN);
   }
   EXPECT_EQ(calls, 0);
@@ -486,11 +493,11 @@ TEST(SignalHandlerOnEvent, CallsNothingWithoutARecordOfItsSignal) {
     handler.OnEvent(handler.GetFd(), POLLIN);
   }
   {
-    const Fault shortRead = ReturnFrom("read", 64);
+    const Fault shortRead = GiveFromRead(RecordOf(SIGUSR1).substr(0, 127));
     handler.OnEvent(handler.GetFd(), POLLIN);
   }
   {
-    const Fault other = ReturnFrom("read", sizeof(signalfd_siginfo));
+    const Fault other = GiveFromRead(RecordOf(SIGUSR2));
     handler.OnEvent(handler.GetFd(), POLLIN);
   }
   EXPECT_EQ(calls, 0);
@@ -586,7 +593,7 @@ TEST(SignalWatcherCreation, BlocksBeforeItMakesABlockingDescriptor) {
     EXPECT_EQ(log.Names(), (Names{"sigprocmask", "signalfd"}));
   }
 
-  EXPECT_EQ(log.Of("signalfd")[0].args, (Args{-1, SFD_CLOEXEC}));
+  EXPECT_EQ(log.Of("signalfd").at(0).args, (Args{-1, SFD_CLOEXEC}));
   EXPECT_EQ(log.Names(), (Names{"sigprocmask", "signalfd", "sigprocmask", "close"}));
 }
 
@@ -617,7 +624,7 @@ TEST(SignalWatcherHandle, CallsNothingWhenTheReadFailsOrIsShort) {
     EXPECT_TRUE(watcher.Handle());
   }
   {
-    const Fault shortRead = ReturnFrom("read", 127);
+    const Fault shortRead = GiveFromRead(RecordOf(SIGUSR1).substr(0, 127));
     EXPECT_EQ(watcher.ReadSignal(), -1);
   }
   EXPECT_EQ(calls, 0);

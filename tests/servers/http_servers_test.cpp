@@ -88,6 +88,7 @@ class ServerProcess {
     mOutput.Reset(pipes[0]);
     const UniqueFd writer(pipes[1]);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
       argv.push_back(argument.data());
     }
@@ -168,10 +169,10 @@ unsigned short FreePort(const std::string& ip) {
 }
 
 // A missing program is a visible skip on a laptop and a failure in CI.
-#define REQUIRE_PROGRAM(path)                                             \
-  if (::access(path, X_OK) != 0) {                                        \
-    ASSERT_EQ(nullptr, std::getenv("CI")) << path << " is not installed"; \
-    GTEST_SKIP() << path << " is not installed";                          \
+#define REQUIRE_PROGRAM(path)                                               \
+  if (::access(path, X_OK) != 0) {                                          \
+    ASSERT_EQ(nullptr, std::getenv("CI")) << (path) << " is not installed"; \
+    GTEST_SKIP() << (path) << " is not installed";                          \
   }
 
 class RealServer : public ::testing::Test {

@@ -15,6 +15,8 @@
 #include <functional>
 #include <memory>
 #include <stdexcept>
+#include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -99,6 +101,14 @@ TEST(EventHandlerGetEvents, DefaultsToInputErrorAndHangUp) {
   EventHandler& base = handler;
   EXPECT_EQ(base.GetEvents(), POLLIN | POLLERR | POLLHUP);
 }
+
+static_assert(!std::is_copy_constructible_v<EventLoop> && !std::is_move_constructible_v<EventLoop>);
+static_assert(!std::is_copy_assignable_v<EventLoop> && !std::is_move_assignable_v<EventLoop>);
+static_assert(std::has_virtual_destructor_v<EventHandler> && std::is_abstract_v<EventHandler>);
+static_assert(!std::is_copy_constructible_v<Timer> && std::is_nothrow_move_constructible_v<Timer>);
+static_assert(!std::is_copy_constructible_v<SignalHandler> && std::is_nothrow_move_constructible_v<SignalHandler>);
+static_assert(!std::is_copy_constructible_v<SignalWatcher> && std::is_nothrow_move_constructible_v<SignalWatcher>);
+static_assert(std::is_copy_constructible_v<Poller> && !std::is_polymorphic_v<HttpClient>);
 
 TEST(EventLoopConstruction, OpensOneNonBlockingCloseOnExecEventfdAtZero) {
   const int wakeup = test::NextFd();
@@ -591,6 +601,48 @@ TEST(EventLoopDestruction, DestroysHandlersAndClosesOnlyItsOwnDescriptors) {
   }
   EXPECT_TRUE(destroyed);
   EXPECT_EQ(test::CountOpenFds(), before);
+}
+
+// Calls the loop when it is destroyed.
+struct DefersAtItsEnd {
+  explicit DefersAtItsEnd(EventLoop& target) : loop(target) {}
+  DefersAtItsEnd(const DefersAtItsEnd&) = delete;
+  DefersAtItsEnd& operator=(const DefersAtItsEnd&) = delete;
+  ~DefersAtItsEnd() {
+    loop.Defer([kept = std::make_shared<std::string>("captured, and long enough for the heap")] { (void)kept; });
+    loop.Stop();
+  }
+  EventLoop& loop;
+};
+
+TEST(EventLoopDestruction, WhatDeferredCallsCapturedMayCallTheLoop) {
+  bool ran = false;
+  {
+    EventLoop loop;
+    loop.Defer([&ran, last = std::make_shared<DefersAtItsEnd>(loop)] { ran = last != nullptr; });
+  }
+  EXPECT_FALSE(ran);
+}
+
+TEST(EventLoopDestruction, HandlerAddedByAHandlersDestructorIsDestroyedWithTheLoop) {
+  const UniqueFd first = EventFd(1);
+  const UniqueFd second = EventFd(1);
+  int destroyed = 0;
+  {
+    EventLoop loop;
+    auto later = std::make_shared<std::unique_ptr<Handler>>(std::make_unique<Handler>(second.Get()));
+    (*later)->AtDestruction([&] {
+      ++destroyed;
+      loop.Stop();
+    });
+    auto handler = std::make_unique<Handler>(first.Get());
+    handler->AtDestruction([&loop, &destroyed, later] {
+      ++destroyed;
+      loop.AddHandler(std::move(*later));
+    });
+    loop.AddHandler(std::move(handler));
+  }
+  EXPECT_EQ(destroyed, 2);
 }
 
 TEST(EventLoopDestruction, DestructorsOfHandlersMayCallTheLoop) {

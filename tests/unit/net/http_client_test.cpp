@@ -506,8 +506,7 @@ TEST(SendRequest, BadDescriptorIsNotNoticed) {
   EXPECT_EQ(EBADF, errno);
 }
 
-// The send gives up in the middle; the request is not continued with a second one.
-TEST(SendRequest, ShortWriteIsNotCompleted) {
+TEST(SendRequest, GivesUpWhenANonBlockingSocketIsFull) {
   auto [writer, reader] = SocketPair();
   ASSERT_TRUE(SetNonBlocking(writer.Get(), true));
   const std::string body(4 * 1024 * 1024, 'b');

@@ -2,12 +2,11 @@
 #include <gtest/gtest.h>
 #include <kiv/net.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <cstddef>
 #include <functional>
 #include <memory>

@@ -178,6 +178,14 @@ TEST(TimerSetTimer, RefusedDurationLeavesTheSchedule) {
   EXPECT_EQ(Interval(timer.GetFd()), kHour);
 }
 
+TEST(TimerSetTimer, NegativeSecondsThatWrapToPositiveOnesCountAsThose) {
+  Timer timer(kHour, true, [] {});
+  EXPECT_TRUE(timer.SetTimer(Milliseconds(-kWrap + 7000), true));
+  EXPECT_EQ(Interval(timer.GetFd()), Milliseconds(7000));
+  EXPECT_TRUE(timer.SetTimer(Milliseconds(-kWrap), true));
+  EXPECT_FALSE(IsRunning(timer.GetFd()));
+}
+
 TEST(TimerSetTimer, SecondsFrom2To31AreNegativeAndRefused) {
   Timer timer(kHour, true, [] {});
   EXPECT_TRUE(timer.SetTimer(Milliseconds(kWrap / 2 - 1), true));
