@@ -1,7 +1,6 @@
 #include <kiv/net.h>
 #include <netdb.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <string_view>
 #include <utility>

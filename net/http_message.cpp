@@ -99,7 +99,7 @@ bool ResponseReader::CompleteHead(std::size_t headEnd) {
   const std::size_t restSize = mHead.size() - headEnd - kHeadEnd.size();
   // Deliberate: header lines are taken from behind the empty line, as far as they came in the same read, and not from
   // the head itself. So ordinary servers yield no headers and cannot redirect a daemon; only a peer that repeats them
-  // behind the head can, and programs are built on that.
+  // behind the head can.
   ParseHeaderLines({rest, restSize}, mResponse.headers);
   // Called even without a byte, so that a streaming caller learns that the head is complete.
   return Deliver(rest, restSize);

@@ -86,8 +86,8 @@ void SignalWatcher::Swap(SignalWatcher& other) {
   std::swap(mPoller, other.mPoller);
   std::swap(mSigno, other.mSigno);
   std::swap(mValid, other.mValid);
-  // Deliberate: the callbacks stay where they are. A callback usually belongs to the object that holds the watcher, and
-  // programs rely on a moved watcher calling nothing.
+  // Deliberate: the callbacks stay where they are. A callback usually captures the object that holds the watcher, so
+  // it must not come along when the watcher moves to another.
 }
 
 }  // namespace kiv::net

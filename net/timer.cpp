@@ -71,9 +71,10 @@ bool Timer::SetOneShot(Milliseconds duration) {
 }
 
 void Timer::Cancel() {
-  // Deliberate: the schedule stays as it is, armed or not, and so it does when a one-shot timer has fired. The kernel
-  // refuses a setting without a new value (EFAULT), and programs rely on the timer going on. The call is left out
-  // because some C libraries follow the null pointer before the kernel can refuse it, and memory checkers report it.
+  // Deliberate: kept as it has always answered. Cancelling, and a one-shot timer firing, would ask the kernel for a
+  // setting without a new value, which it refuses (EFAULT): the schedule stays as it is. The request itself is left
+  // out, because some C libraries follow the null pointer before the kernel can refuse it, and memory checkers report
+  // it.
 }
 
 void Timer::OnEvent(int /*fd*/, short /*revents*/) {

@@ -7,8 +7,8 @@ namespace kiv::utils {
 namespace {
 
 bool IsSpace(char byte) {
-  // Deliberate: strchr also finds the terminator of its set, so a NUL byte counts as whitespace. Lines cut out of
-  // NUL-padded kernel and configuration text rely on it.
+  // Deliberate: strchr also finds the terminator of its set, so a NUL byte counts as whitespace, and lines cut
+  // out of NUL-padded buffers come out clean.
   return std::strchr(" \f\n\r\t\v", byte) != nullptr;
 }
 

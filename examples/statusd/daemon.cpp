@@ -35,8 +35,8 @@ bool Daemon::Start() {
              std::strerror(errno));
     return false;
   }
-  mLoop.AddSignal(SIGTERM, [this](int) { mLoop.Stop(); });
-  mLoop.AddSignal(SIGINT, [this](int) { mLoop.Stop(); });
+  mLoop.AddSignal(SIGTERM, [this](int) { Stop(); });
+  mLoop.AddSignal(SIGINT, [this](int) { Stop(); });
   mLoop.AddSignal(SIGHUP, [this](int) { Reload(); });
   Every(kSweepInterval, &Daemon::Sweep);
   if (mCommandLine.report) {
@@ -47,6 +47,20 @@ bool Daemon::Start() {
   std::printf("listening on %s\n", mServer.Url().c_str());
   std::fflush(stdout);
   return true;
+}
+
+bool Daemon::Run() {
+  mLoop.Run();
+  if (!mStopped) {
+    Complain(std::string("cannot wait for events: ") + std::strerror(errno));
+  }
+  return mStopped;
+}
+
+void Daemon::Stop() {
+  mPasses.Note();
+  mStopped = true;
+  mLoop.Stop();
 }
 
 unsigned Daemon::Every(kiv::net::Milliseconds interval, void (Daemon::*step)()) {
@@ -78,7 +92,9 @@ void Daemon::Reload() {
     return;
   }
   if (settings.listenIp != mSettings.listenIp || settings.listenPort != mSettings.listenPort) {
-    Complain("the new listen address counts from the next start");
+    Complain("the new listen address takes effect at the next start");
+    settings.listenIp = mSettings.listenIp;
+    settings.listenPort = mSettings.listenPort;
   }
   Apply(settings);
 }

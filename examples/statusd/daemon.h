@@ -22,13 +22,14 @@ class Daemon {
   /// Starts to listen. Returns false, after a complaint, when that fails.
   bool Start();
 
-  /// Runs until SIGTERM or SIGINT.
-  void Run() { mLoop.Run(); }
+  /// Runs until SIGTERM or SIGINT. Returns false, after a complaint, when the loop could not go on.
+  bool Run();
 
  private:
   unsigned Every(kiv::net::Milliseconds interval, void (Daemon::*step)());
   void Apply(const Settings& settings);
   void Reload();
+  void Stop();
   void Sweep();
   void FetchPeer() { mPeer.Fetch(); }
   void Report();
@@ -43,6 +44,7 @@ class Daemon {
   Server mServer;
   PeerWatch mPeer;
   unsigned mFetchTimer = 0;
+  bool mStopped = false;
 };
 
 #endif  // STATUSD_DAEMON_H

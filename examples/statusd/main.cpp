@@ -55,6 +55,5 @@ int main(int argc, char** argv) {
   if (!daemon.Start()) {
     return kRunTimeFailure;
   }
-  daemon.Run();
-  return 0;
+  return daemon.Run() ? 0 : kRunTimeFailure;
 }

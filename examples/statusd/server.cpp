@@ -179,7 +179,7 @@ void Server::PauseAccepting(bool paused) {
   mLoop.UpdateHandler(mListenFd);
 }
 
-// The oldest goes when there is no room: clients that mean well are done long before they are that.
+// The oldest goes when there is no room: a client that means well is done long before it is the oldest of so many.
 void Server::Open(int fd) {
   while (mClients.size() >= mMaxClients) {
     Close(mClients.front().fd);

@@ -18,7 +18,7 @@ struct PeerStatus {
   std::optional<double> responseMs;           ///< Of the last fetch; empty when it failed.
   std::deque<std::optional<double>> history;  ///< The last 60 response times, oldest first.
   unsigned long fetches = 0;
-  unsigned long skipped = 0;  ///< Ticks that found the fetch before still under way.
+  unsigned long skipped = 0;  ///< Ticks that found the previous fetch still under way.
 };
 
 /// Everything that the page shows. Belongs to the loop thread.

@@ -32,8 +32,8 @@ namespace kiv::net {
 /// set. Belongs to one thread.
 class KIV_EXPORT Poller {
  public:
-  /// Appends `fd` with the poll events wanted (POLLIN, POLLOUT, ...). Adding a descriptor twice leaves two entries, and
-  /// every later call about it means the newer one.
+  /// Appends `fd` with the poll events wanted (POLLIN, POLLOUT, ...). Add a descriptor once only: a second entry hides
+  /// the first, which stays in the set and cannot be named any more.
   void Add(int fd, short events);
 
   /// Replaces the events wanted of `fd`; its result of the last Wait stays. Does nothing for an unknown descriptor.
@@ -85,7 +85,7 @@ class KIV_EXPORT EventHandler {
   EventHandler& operator=(EventHandler&&) noexcept = default;
 };
 
-/// Durations of timers: signed 64-bit milliseconds. Every std::chrono duration that fits converts.
+/// Durations of timers: signed 64-bit milliseconds. Whole std::chrono milliseconds, seconds, minutes, ... convert.
 using Milliseconds = std::chrono::duration<long long, std::milli>;
 
 /// Owns a timerfd on CLOCK_MONOTONIC and calls a function when it expires. EventLoop::AddTimer makes these; a program
@@ -128,6 +128,7 @@ class KIV_EXPORT Timer : public EventHandler {
   short GetEvents() override;
 
  private:
+  // The last two only record what was asked for and whether it began; the kernel keeps the schedule.
   int mFd = -1;
   std::function<void()> mCallback;
   bool mPeriodic = false;
@@ -219,10 +220,10 @@ class KIV_EXPORT EventLoop {
   /// then runs the deferred calls left and returns. May be called again. What a handler throws passes through.
   void Run();
 
-  /// Dispatches what the last wait reported, one pass. Part of Run.
+  /// Dispatches what the last wait reported, one pass. Run calls it; a program has no need to.
   void ProcessEvents();
 
-  /// Resets the wakeup eventfd. Part of Run.
+  /// Resets the wakeup eventfd. Run calls it; a program has no need to.
   void ProcessWakeup();
 
   /// Queues `call` to run on the loop thread and wakes the loop. Calls of one thread run in the order posted; a call
@@ -230,7 +231,7 @@ class KIV_EXPORT EventLoop {
   /// loop.
   void Defer(std::function<void()> call);
 
-  /// Runs the deferred calls queued so far, in posting order. Part of Run.
+  /// Runs the deferred calls queued so far, in posting order. Run calls it; a program has no need to.
   void ProcessDeferred();
 
   /// Makes Run return, after all calls deferred before this one. Before Run, it ends the coming Run after the deferred
