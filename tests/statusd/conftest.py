@@ -52,11 +52,12 @@ class Reply:
 
 
 class Daemon:
-    """A running statusd. Options with a value are keywords, with "_" for "-"."""
+    """A running statusd. Options with a value are keywords, with "_" for "-"; None leaves one out."""
 
     def __init__(self, *flags, **options):
         options.setdefault("listen", "127.0.0.1:0")
-        words = [word for key, value in options.items() for word in ("--" + key.replace("_", "-"), value)]
+        words = [word for key, value in options.items() if value is not None
+                 for word in ("--" + key.replace("_", "-"), value)]
         self.expected_complaints = 0
         self.process = subprocess.Popen(command(*flags, *words), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.pid = self.process.pid

@@ -586,15 +586,14 @@ def test_options_still_win_after_sighup(statusd, tmp_path):
 def test_new_listen_address_waits_for_the_next_start(statusd, tmp_path):
     config = tmp_path / "statusd.ini"
     config.write_text("listen = 127.0.0.1:0\n")
-    process = subprocess.Popen(command("--config", config), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    assert process.stdout.readline().startswith("listening on ")
+    daemon = statusd(config=config, listen=None)
     config.write_text("listen = 127.0.0.2:1\n")
     for _ in range(2):  # It says so each time: the old address stays the one in use.
-        process.send_signal(signal.SIGHUP)
-        assert process.stderr.readline() == "statusd: the new listen address takes effect at the next start\n"
-    process.terminate()
-    process.communicate(timeout=PATIENCE)
-    assert process.returncode == 0
+        daemon.process.send_signal(signal.SIGHUP)
+        assert daemon.complaint() == "statusd: the new listen address takes effect at the next start\n"
+    config.write_text("listen = 127.0.0.1:0\n")
+    daemon.process.send_signal(signal.SIGHUP)
+    assert daemon.status()["peer"]["state"] == "none"
 
 
 def test_sighup_without_a_file_changes_nothing(statusd):
