@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstddef>
 #include <future>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -212,6 +213,15 @@ TEST(ParseUrl, OtherSchemesFailAndTouchNothing) {
                                 " http://h/", "http:h//", "http:\\\\h", "httpx//h", "//h/"}) {
     ExpectParsed({{url, false, "old host", "old path", 4711}});
   }
+}
+
+TEST(ParseUrl, MayReadFromTheHostThatItFills) {
+  HttpClient::ParsedUrl url;
+  url.host = "http://h:8080/a";
+  EXPECT_TRUE(HttpClient().ParseUrl(url.host, url));
+  EXPECT_EQ("h", url.host);
+  EXPECT_EQ("/a", url.path);
+  EXPECT_EQ(8080, url.port);
 }
 
 TEST(ParseUrl, EmptyHostFailsAfterTheParts) {
@@ -646,6 +656,15 @@ TEST(HttpGet, StreamsTheBody) {
   EXPECT_TRUE(HttpClient().Get(server.Url("/s"), CollectInto(calls)));
   EXPECT_EQ((Calls{"streamed"}), calls);
   EXPECT_EQ("GET /s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n", server.Finish().at(0).request);
+}
+
+TEST(HttpGet, WhatTheCallbackThrowsPassesAndNoDescriptorStaysOpen) {
+  ScriptedServer server({Answer(kOk + "refused")});
+  const std::size_t before = test::CountOpenFds();
+  const auto fail = [](const char*, unsigned int) -> bool { throw std::runtime_error("no"); };
+  EXPECT_THROW(HttpClient().Get(server.Url("/"), fail), std::runtime_error);
+  (void)server.Finish();
+  EXPECT_LE(test::CountOpenFds(), before);
 }
 
 TEST(HttpGet, EmptyFunctionCollectsNothingAndSucceeds) {

@@ -230,6 +230,19 @@ TEST(PollerRemove, LastAndThenMiddleEntryKeepTheOthersReady) {
   EXPECT_FALSE(poller.IsReady(fds[4].Get(), POLLIN));
 }
 
+TEST(PollerRemove, OlderEntryThatMovesCanBeNamedAgain) {
+  const UniqueFd first = EventFd(1);
+  const UniqueFd twice = EventFd(1);
+  Poller poller;
+  poller.Add(first.Get(), POLLIN);
+  poller.Add(twice.Get(), POLLIN);
+  poller.Add(twice.Get(), POLLOUT);
+  poller.Remove(twice.Get());
+  poller.Remove(first.Get());
+  EXPECT_EQ(poller.Wait(0), 1);
+  EXPECT_TRUE(poller.IsReady(twice.Get(), POLLIN));
+}
+
 TEST(PollerRemove, MovedEntryKeepsItsResultAndItsEvents) {
   const UniqueFd gap = EventFd(0);
   const UniqueFd moved = EventFd(1);

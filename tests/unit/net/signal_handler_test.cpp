@@ -236,6 +236,22 @@ TEST_F(EventLoopBlockSignals, EmptyListBlocksNothing) {
   }
 }
 
+TEST_F(EventLoopBlockSignals, NumberThatIsNoSignalIsPassedOver) {
+  EventLoop::BlockSignals({0, SIGUSR1, 1000});
+  EXPECT_TRUE(IsBlocked(SIGUSR1));
+}
+
+TEST_F(EventLoopAddSignal, NumberThatIsNoSignalIsRegisteredAndStaysSilent) {
+  EventLoop::BlockSignals({SIGUSR1});
+  const std::size_t before = test::CountOpenFds();
+  EventLoop loop;
+  loop.AddSignal(0, Note());
+  EXPECT_EQ(test::CountOpenFds(), before + 2);
+  ASSERT_EQ(::raise(SIGUSR1), 0);
+  RunOnePass(loop);
+  EXPECT_TRUE(mCalled.empty());
+}
+
 TEST_F(EventLoopBlockSignals, AddsToTheMask) {
   Block(SIGHUP);
   EventLoop::BlockSignals({SIGUSR1, SIGUSR2});
@@ -400,6 +416,18 @@ TEST_F(EventLoopRemoveSignal, UnknownSignalChangesNothing) {
   ASSERT_EQ(::raise(SIGUSR1), 0);
   RunOnePass(loop);
   EXPECT_EQ(mCalled, (Signals{SIGUSR1}));
+}
+
+TEST_F(EventLoopRemoveSignal, LateOneRemovesWhateverHasTheDescriptorByThen) {
+  EventLoop loop;
+  const int number = test::NextFd();
+  loop.AddSignal(SIGUSR1, Note());
+  loop.RemoveHandler(number);
+  const unsigned timer = loop.AddTimer(Milliseconds(3600000), [] {});
+  ASSERT_TRUE(test::IsOpen(number));
+  ASSERT_NE(timer, 0U);
+  loop.RemoveSignal(SIGUSR1);
+  EXPECT_FALSE(test::IsOpen(number));
 }
 
 TEST_F(EventLoopRemoveSignal, CallbackMayRemoveItsOwnSignalAndGoOn) {

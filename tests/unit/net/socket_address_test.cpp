@@ -168,6 +168,12 @@ TEST(SetUnixAddress, HasTheLimitsOfUnixAddress) {
   EXPECT_EQ(BytesOf(addr), UnixBytes('\0' + std::string(106, 'n')));
 }
 
+TEST(SetUnixAddress, FileWithANulByteIsCutThere) {
+  sockaddr_un addr{};
+  EXPECT_TRUE(SetAddress(addr, std::string("/tmp/a\0b", 8), false));
+  EXPECT_EQ(std::string(addr.sun_path, 9), std::string("/tmp/a\0\0\0", 9));
+}
+
 TEST(SetUnixAddress, TooLongLeavesTheFamilyAlone) {
   auto file = Filled<sockaddr_un>('?');
   auto abstractName = Filled<sockaddr_un>('?');
