@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <kiv/net.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -37,6 +38,15 @@ inline std::pair<internal::UniqueFd, internal::UniqueFd> SocketPair() {
   int fds[2] = {-1, -1};
   (void)::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
   return {internal::UniqueFd(fds[0]), internal::UniqueFd(fds[1])};
+}
+
+/// Returns the address of `port` (host byte order) on the loopback interface.
+inline sockaddr_in Loopback(unsigned short port) {
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_port = htons(port);
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return addr;
 }
 
 /// Tells whether a read from `fd` would give something now.
@@ -91,6 +101,14 @@ class SignalMaskRestorer {
  private:
   sigset_t mSaved{};
 };
+
+/// Adds `signo` to the signals that the calling thread blocks.
+inline void Block(int signo) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signo);
+  (void)::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
 
 /// Tells whether the calling thread blocks `signo`.
 inline bool IsBlocked(int signo) {

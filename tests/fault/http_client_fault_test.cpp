@@ -24,18 +24,11 @@ using test::CountOpenFds;
 using test::Decode;
 using test::FailCall;
 using test::Fault;
+using test::Loopback;
 using test::ResolverAnswer;
 using test::ReturnFrom;
 using Names = std::vector<std::string>;
 using Args = std::vector<long long>;
-
-sockaddr_in Loopback(unsigned short port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
 
 // A port of the loopback interface that refuses connections for as long as this exists.
 class ClosedPort {

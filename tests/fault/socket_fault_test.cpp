@@ -24,20 +24,13 @@ using test::CountOpenFds;
 using test::Decode;
 using test::FailCall;
 using test::Fault;
+using test::Loopback;
 using test::ResolverAnswer;
 using test::ReturnFrom;
 using Names = std::vector<std::string>;
 using Args = std::vector<long long>;
 
 UniqueFd MakeSocket(int type) { return UniqueFd(::socket(AF_INET, type | SOCK_CLOEXEC, 0)); }
-
-sockaddr_in Loopback(unsigned short port) {
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(port);
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return addr;
-}
 
 unsigned short PortOf(const UniqueFd& fd) {
   sockaddr_in addr{};

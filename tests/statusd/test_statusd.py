@@ -596,6 +596,16 @@ def test_new_listen_address_waits_for_the_next_start(statusd, tmp_path):
     assert daemon.status()["peer"]["state"] == "none"
 
 
+@pytest.mark.skipif(bool(os.environ.get("STATUSD_EMULATOR")), reason="strace would fail the emulator's calls")
+def test_loop_that_cannot_wait_ends_with_status_1_and_one_line():
+    # The sanitizers' leak check cannot look into a process that is traced; the other tests have it.
+    environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
+    failing = ["strace", "-f", "-o", "/dev/null", "-e", "inject=poll:error=EIO:when=3"]
+    done = subprocess.run(failing + command("--listen", "127.0.0.1:0"), env=environment, capture_output=True, text=True,
+                          timeout=PATIENCE)
+    assert (done.returncode, done.stderr) == (1, "statusd: cannot wait for events: Input/output error\n")
+
+
 def test_sighup_without_a_file_changes_nothing(statusd):
     daemon = statusd(name="steady")
     passes = daemon.status()["loop_passes"]

@@ -22,6 +22,7 @@ namespace kiv::net {
 namespace {
 
 using internal::UniqueFd;
+using test::Block;
 using test::IsBlocked;
 using test::IsPending;
 using test::RunOnePass;
@@ -30,13 +31,6 @@ using Signals = std::vector<int>;
 
 class SignalTest : public testing::Test {
  protected:
-  static void Block(int signo) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, signo);
-    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &set, nullptr), 0);
-  }
-
   std::function<void(int)> Note() {
     return [this](int signo) { mCalled.push_back(signo); };
   }

@@ -21,6 +21,7 @@ namespace kiv::net {
 namespace {
 
 using internal::UniqueFd;
+using test::Block;
 using test::IsBlocked;
 using test::IsPending;
 
@@ -51,13 +52,6 @@ class HarmlessSignals {
 
 class WatcherTest : public testing::Test {
  protected:
-  static void Block(int signo) {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, signo);
-    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &set, nullptr), 0);
-  }
-
   std::function<void(int)> Note(int offset = 0) {
     return [this, offset](int signo) { mCalled.push_back(offset + signo); };
   }
