@@ -1,8 +1,17 @@
 #ifndef KIV_FS_H
 #define KIV_FS_H
 
-/// Services of kiv::fs: files, directories and loop devices. The namespace is reserved; version 1.0.0 declares nothing
-/// in it yet.
-namespace kiv::fs {}
+#include <kiv/export.h>
+
+#include <string>
+
+/// Files and directories. Nothing is cached, every call asks the kernel; any thread may call.
+namespace kiv::fs {
+
+/// Tells whether `path` leads to something, of any type, links followed: access(2) with F_OK. Returns false, with
+/// errno, for a dangling link and for a path through a directory that may not be searched.
+KIV_EXPORT bool Exists(const std::string& path);
+
+}  // namespace kiv::fs
 
 #endif  // KIV_FS_H

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -20,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-/// Event loop, sockets and HTTP. Failures are return values; errno stays as the failing system call set it. Descriptors
-/// passed in by the caller are never closed by the library.
+/// Event loop, sockets, network configuration and HTTP. Failures are return values; errno stays as the failing system
+/// call set it. Descriptors passed in by the caller are never closed by the library.
 namespace kiv::net {
 
 // ---------------------------------------------------------------------------------------------------- event loop
@@ -399,6 +400,240 @@ KIV_EXPORT bool ConnectInet(int fd, const std::string& host, unsigned short port
 /// The limit applies to each read: a peer that keeps sending keeps this call going. A signal (EINTR) ends it. Returns
 /// false when `fd` is -1, otherwise true. Changes the receive time-out of `fd`.
 KIV_EXPORT bool DrainAndShutdown(int fd, unsigned int seconds);
+
+/// Appends to `out` everything that can be read from `fd` now, without blocking, whatever mode `fd` is in.
+///
+/// EINTR is retried. Returns the number of bytes appended, 0 included, whatever stopped it: an empty queue, the end of
+/// the stream, or an error; to tell the end of the stream, read once more. Datagrams come back to back, without
+/// boundaries, each cut to 2048 bytes. A peer that sends faster than this reads keeps it going.
+KIV_EXPORT unsigned int RecvEager(int fd, std::vector<char>& out);
+
+/// Receives one datagram, or what a stream has, of `len` bytes at most into `buf`, and the sender's address into
+/// `from`. One recvfrom(2) without flags: blocks as `fd` does, a longer datagram is cut.
+///
+/// Returns the number of bytes received, 0 included, or -1 with errno of recvfrom(2), EINTR too. The length of the
+/// address is not told: zero `from` before the call when the sender may be unnamed or abstract.
+KIV_EXPORT int RecvFrom(int fd, void* buf, unsigned int len, sockaddr_un& from);
+
+/// Receives from an IPv4 sender; `from` has address and port in network byte order. Otherwise as above.
+KIV_EXPORT int RecvFrom(int fd, void* buf, unsigned int len, sockaddr_in& from);
+
+/// Sends `len` bytes from `buf` to the file or the abstract name in `to`. One sendto(2) without flags: blocks as `fd`
+/// does, and raises SIGPIPE on a stream without a reader.
+///
+/// Either name ends at its first NUL byte or with the array, so an abstract name that holds NUL bytes is not reached.
+/// Returns the number of bytes sent, or -1 with errno of sendto(2), EINTR too.
+KIV_EXPORT int SendTo(int fd, const void* buf, unsigned int len, const sockaddr_un& to);
+
+/// Sends to an IPv4 address and port in network byte order. Otherwise as above.
+KIV_EXPORT int SendTo(int fd, const void* buf, unsigned int len, const sockaddr_in& to);
+
+// ------------------------------------------------------------------------------------------ network configuration
+//
+// Everything here acts on the network namespace of the calling thread, keeps no state, and may be called from any
+// thread. Changes need CAP_NET_ADMIN. Each change is one request over a socket of its own, see rtnetlink(7): it blocks
+// until the kernel has answered, and a signal (EINTR) makes it fail although the kernel may have carried it out. It
+// returns true when the kernel acknowledged it. False means an argument refused here, without a request, or a request
+// that failed; the kernel's own reason is not told. Interface names have 15 bytes at most, longer ones are refused.
+
+/// Creates an interface of a link `kind`, such as "bridge" or "dummy"; the kernel decides which kinds there are.
+/// Returns false, too, when `name` exists.
+KIV_EXPORT bool CreateInterface(const std::string& name, const std::string& kind);
+
+/// Deletes a virtual interface.
+KIV_EXPORT bool DeleteInterface(const std::string& name);
+
+/// Creates the VLAN interface `name` with tag `vlanId` on `parent`; the kernel decides which ids it takes.
+/// Returns false, too, when `parent` is unknown or `name` exists.
+KIV_EXPORT bool AddVlan(const std::string& parent, unsigned short vlanId, const std::string& name);
+
+/// Brings an interface up or down (IFF_UP).
+KIV_EXPORT bool SetInterfaceUp(const std::string& name, bool up);
+
+/// Sets the MTU in bytes. The request also switches IFF_UP, IFF_MULTICAST, IFF_PROMISC and every other changeable flag
+/// off: set the MTU first, then bring the interface up.
+KIV_EXPORT bool SetMTU(const std::string& name, unsigned short mtu);
+
+/// Sets the hardware address, "aa:bb:cc:dd:ee:ff" in either case. The request also switches every changeable flag off,
+/// as SetMTU does. Returns false, too, when `mac` is malformed; a blank or a plus sign in place of a leading digit is
+/// not malformed.
+KIV_EXPORT bool SetMAC(const std::string& name, const std::string& mac);
+
+/// Makes `name` a port of the bridge or bond `master`. Returns false, too, when `master` is unknown.
+KIV_EXPORT bool SetMaster(const std::string& name, const std::string& master);
+
+/// Takes `name` out of its bridge or bond.
+KIV_EXPORT bool UnsetMaster(const std::string& name);
+
+/// Moves `name` into the network namespace of process `pid`. Returns false, too, when "/proc/PID/ns/net" does not open.
+KIV_EXPORT bool MoveInterfaceToNetns(const std::string& name, int pid);
+
+/// Moves `name` into the network namespace that `fd` refers to. `fd` stays the caller's.
+KIV_EXPORT bool MoveInterfaceToNetnsFd(const std::string& name, int fd);
+
+/// Switches IFF_MULTICAST.
+KIV_EXPORT bool SetInterfaceMulticast(const std::string& name, bool on);
+
+/// Switches IFF_PROMISC. The kernel counts requests for it from several sources; this is one of them.
+KIV_EXPORT bool SetInterfacePromiscuous(const std::string& name, bool on);
+
+/// Tells whether "/sys/class/net/" has an entry `name`. The name is not checked: one with a slash tests a deeper path,
+/// and the empty one tests the folder. /sys shows the namespace that it was mounted in.
+KIV_EXPORT bool InterfaceExists(const std::string& name);
+
+/// Returns the kernel's index of an interface, or 0, with errno of if_nametoindex(3), when there is none.
+KIV_EXPORT unsigned int GetInterfaceIndex(const std::string& name);
+
+/// Adds an IPv4 address (dotted text) with its prefix length in bits.
+///
+/// The kernel is told the interface through the label alone, with index 0; kernels of today refuse that (ENODEV).
+/// Returns false, too, when `ip` is malformed or the address exists.
+KIV_EXPORT bool AssignAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength);
+
+/// Adds an IPv4 address with a label: `iface`, a colon, and more, 15 bytes at most in all, such as "eth0:1". An empty
+/// `label` means the name of the interface. Returns false, too, for an empty `iface` and any other label; otherwise as
+/// AssignAddress.
+KIV_EXPORT bool AssignAddressLabeled(const std::string& iface, const std::string& ip, unsigned char prefixLength,
+                                     const std::string& label);
+
+/// Removes an IPv4 address. Returns false, too, when `ip` is malformed, or `iface` or the address is unknown.
+KIV_EXPORT bool DeleteAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength);
+
+/// Adds a route to the main table: `destination` (dotted text) with its prefix length in bits, over `gateway` on
+/// `iface`. "0.0.0.0" with 0 is the default route; a gateway of "0.0.0.0" makes a route without one (on-link).
+/// Returns false, too, when an address is malformed, `iface` is unknown, or the route exists.
+KIV_EXPORT bool AddRoute(const std::string& destination, unsigned char prefixLength, const std::string& gateway,
+                         const std::string& iface);
+
+/// Removes a route that AddRoute with the same arguments adds. Returns false, too, when there is none.
+KIV_EXPORT bool DeleteRoute(const std::string& destination, unsigned char prefixLength, const std::string& gateway,
+                            const std::string& iface);
+
+/// One IPv4 route as the kernel dumps it; see struct rtmsg in rtnetlink(7).
+struct RouteEntry {
+  std::string destination;         ///< Dotted text; "0.0.0.0" for a default route.
+  unsigned char prefixLength = 0;  ///< In bits.
+  std::string gateway;             ///< Dotted text; empty when there is none.
+  std::string iface;               ///< Name of the output interface; empty when there is none, or several.
+  std::uint32_t table = 0;         ///< RT_TABLE_MAIN (254), ...; tables above 255 show as RT_TABLE_COMPAT (252).
+  unsigned char protocol = 0;      ///< RTPROT_KERNEL (2), RTPROT_STATIC (4), ...
+  unsigned char type = 0;          ///< RTN_UNICAST (1), RTN_LOCAL (2), RTN_BROADCAST (3), ...
+};
+
+/// Returns the IPv4 routes of all tables, in the kernel's order.
+///
+/// `family` is what the kernel is asked for, AF_INET; only IPv4 routes are returned whatever it is. Returns nothing
+/// when the kernel cannot be asked, and what came so far when the dump breaks off or a signal interrupts it: the two
+/// look like small tables.
+KIV_EXPORT std::vector<RouteEntry> GetRoutes(unsigned char family);
+
+/// One IPv4 address of an interface; see struct ifaddrmsg in rtnetlink(7).
+struct InterfaceAddress {
+  std::string address;             ///< Dotted text.
+  unsigned char prefixLength = 0;  ///< In bits.
+  bool secondary = false;          ///< Whether another address of the same network came first (IFA_F_SECONDARY).
+};
+
+/// Returns the IPv4 addresses of one interface in the kernel's order; nothing for an unknown one. Fails as GetRoutes.
+KIV_EXPORT std::vector<InterfaceAddress> GetInterfaceAddresses(const std::string& iface);
+
+/// One IPv4 address of one interface, with the interface's hardware address and flags. A plain value.
+class KIV_EXPORT Iface {
+ public:
+  /// Makes a record of these; `flags` are those of net/if.h (IFF_UP, IFF_LOOPBACK, ...).
+  Iface(const std::string& name, const std::string& address, const std::string& mac, int flags);
+
+  /// Makes a record without hardware address and flags.
+  Iface(const std::string& name, const std::string& address);
+
+  Iface(const Iface& other) = default;
+  Iface& operator=(const Iface& other) = default;
+
+  /// Leaves `other` empty, its flags 0.
+  Iface(Iface&& other) noexcept;
+
+  /// Swaps the strings and takes the flags: `other` then has this object's former strings, and flags 0. Moving an
+  /// object onto itself changes nothing.
+  Iface& operator=(Iface&& other) noexcept;
+
+  ~Iface() = default;
+
+  /// Returns the name, an alias such as "eth0:1" included.
+  std::string GetName() const;
+
+  /// Returns the IPv4 address as dotted text.
+  std::string GetAddress() const;
+
+  /// Returns the hardware address as the kernel writes it, "aa:bb:cc:dd:ee:ff", or nothing.
+  std::string GetMAC() const;
+
+  /// Tells whether every bit of `mask` is set in the flags; always true for 0.
+  bool IsFlagsSet(int mask) const;
+
+  /// Asks descriptor 1 (standard output) for the flags of this name, and stores 0 when that fails: it gives the flags
+  /// only in a program whose descriptor 1 is a socket. Call GetIfaces again instead.
+  ///
+  /// Returns -1, with errno, when no socket can be opened (descriptor 0 is asked then), otherwise what closing that
+  /// socket returned, 0. Does not tell whether the flags were read.
+  int UpdateFlags();
+
+ private:
+  std::string mName;
+  std::string mAddress;
+  std::string mMac;
+  int mFlags;
+};
+
+/// Returns a record for every IPv4 address of the machine, in the order of getifaddrs(3): several for an interface with
+/// several addresses, none for one without.
+///
+/// Only interfaces with all of `requiredFlags` and none of `excludedFlags` (net/if.h; 0 asks for nothing) are taken:
+/// GetIfaces(IFF_UP, IFF_LOOPBACK). Returns nothing when getifaddrs(3) fails. Any thread.
+KIV_EXPORT std::vector<Iface> GetIfaces(unsigned int requiredFlags, unsigned int excludedFlags);
+
+/// Returns the hardware address of an interface, the first line of "/sys/class/net/NAME/address" as it stands; nothing
+/// for a null pointer or an unknown name. /sys shows the namespace that it was mounted in. Any thread.
+KIV_EXPORT std::string GetMAC(const char* name);
+
+/// What the kernel knows of a neighbour: the "Flags" column of /proc/net/arp when it has exactly one bit.
+enum class ArpState : unsigned char {
+  Incomplete = 0,  ///< 0x01
+  Reachable = 1,   ///< 0x02, what Linux shows for every neighbour with a known address.
+  Stale = 2,       ///< 0x04
+  Delay = 3,       ///< 0x08
+  Probe = 4,       ///< 0x10
+  Failed = 5,      ///< 0x20
+  NoArp = 6,       ///< 0x40
+  Permanent = 7,   ///< 0x80
+  Unknown = 8      ///< Anything else: 0x0 for an unanswered request, 0x6 for a permanent entry, ...
+};
+
+/// One neighbour, a line of /proc/net/arp; see proc(5).
+struct ArpEntry {
+  std::string iface;                   ///< Name of the interface.
+  std::uint32_t ip = 0;                ///< IPv4 address in network byte order; NtoIP makes text of it.
+  std::string mac;                     ///< "aa:bb:cc:dd:ee:ff"; all zero while unknown.
+  ArpState state = ArpState::Unknown;  ///< See ArpState: the kernel prints flags here, not states.
+};
+
+/// Returns the neighbours in the order of /proc/net/arp, without lines that are not one. Returns nothing when the file
+/// cannot be read. Any thread.
+KIV_EXPORT std::vector<ArpEntry> GetArpTable();
+
+/// One IPv4 route, a line of /proc/net/route; see proc(5). Its addresses are the numbers that the kernel printed: on a
+/// little-endian machine they are addresses in network byte order, and NtoIP makes text of them.
+struct RoutingTableEntry {
+  std::string iface;              ///< Name of the interface, "*" for a route that rejects.
+  std::uint32_t destination = 0;  ///< 0 for the default route.
+  std::uint32_t gateway = 0;      ///< 0 for none.
+  std::uint32_t mask = 0;         ///< Network mask.
+  std::uint32_t metric = 0;       ///< The smaller wins.
+  std::uint32_t flags = 0;        ///< RTF_UP, RTF_GATEWAY, RTF_HOST, ... of net/route.h.
+};
+
+/// Returns the routes of the main table in the order of /proc/net/route; a malformed column reads as 0. Returns nothing
+/// when the file cannot be read. Any thread.
+KIV_EXPORT std::vector<RoutingTableEntry> GetRoutingTable();
 
 // --------------------------------------------------------------------------------------------------- HTTP client
 

@@ -8,7 +8,8 @@
 #include <utility>
 #include <vector>
 
-/// Text helpers. They work on bytes, assume no encoding, keep no state, never block, and may be called from any thread.
+/// Text helpers and the host name. Text is bytes, without any encoding assumed. Nothing here keeps state or blocks, and
+/// everything may be called from any thread.
 namespace kiv::utils {
 
 /// Refers to bytes that somebody else owns; needs no terminator. Pass it by value.
@@ -63,6 +64,15 @@ KIV_EXPORT std::vector<std::string> Split(StringView text, StringView delimiter)
 /// empty or all whitespace, when the separator is empty, or when it does not occur. The key alone is empty when the
 /// trimmed text begins with the separator.
 KIV_EXPORT std::pair<std::string, std::string> SplitKeyValue(StringView text, StringView separator);
+
+/// Sets the host name of the calling process's UTS namespace; needs CAP_SYS_ADMIN.
+///
+/// `name` has 1 to 63 bytes and holds no NUL, line feed or carriage return; nothing else is checked here. Returns false
+/// for any other name, without a system call, and when sethostname(2) fails, with its errno.
+KIV_EXPORT bool SetHostname(const std::string& name);
+
+/// Returns the host name, or an empty text with errno when gethostname(2) fails.
+KIV_EXPORT std::string GetHostname();
 
 }  // namespace kiv::utils
 
