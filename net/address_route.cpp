@@ -103,8 +103,7 @@ bool AssignAddressLabeled(const std::string& iface, const std::string& ip, unsig
   if (!ParseAddressText(ip, address)) {
     return false;
   }
-  // Deliberate: the other way round than in AssignAddress. The kernel takes both, and captures of either stay as they
-  // are.
+  // Deliberate: the other way round than in AssignAddress. The kernel takes both; each operation keeps its own bytes.
   return RequestAddress(prefixLength, [&](nlmsghdr& message, std::uint32_t& length) {
     AddAddress(message, length, IFA_LOCAL, address);
     AddLabel(message, length, label.empty() ? iface : label);

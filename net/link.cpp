@@ -67,8 +67,8 @@ bool ChangeNumber(const std::string& name, std::uint16_t type, std::uint32_t num
   });
 }
 
-// Deliberate: strtoul as it stands, so " a" and "+a" are accepted for 0a. Texts padded with blanks by those who print
-// them come through.
+// Deliberate: strtoul as it stands, so " a" and "+a" are accepted for 0a. Texts printed with blanks in place of leading
+// zeros come through.
 bool ParseMacGroup(const char* digits, unsigned char& out) {
   const char group[3] = {digits[0], digits[1], '\0'};
   char* end = nullptr;

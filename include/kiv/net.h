@@ -455,8 +455,8 @@ KIV_EXPORT bool SetInterfaceUp(const std::string& name, bool up);
 KIV_EXPORT bool SetMTU(const std::string& name, unsigned short mtu);
 
 /// Sets the hardware address, "aa:bb:cc:dd:ee:ff" in either case. The request also switches every changeable flag off,
-/// as SetMTU does. Returns false, too, when `mac` is malformed; a blank or a plus sign in place of a leading digit is
-/// not malformed.
+/// as SetMTU does. Returns false, too, when `mac` is malformed; a pair such as " a" or "+a", which strtoul(3) reads as
+/// a whole, is not.
 KIV_EXPORT bool SetMAC(const std::string& name, const std::string& mac);
 
 /// Makes `name` a port of the bridge or bond `master`. Returns false, too, when `master` is unknown.
