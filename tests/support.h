@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -128,6 +129,29 @@ inline bool IsPending(int signo) {
 inline void RunOnePass(net::EventLoop& loop) {
   loop.Defer([&loop] { loop.Stop(); });
   loop.Run();
+}
+
+/// Returns the bytes of a number or a record as they lie in memory.
+template <typename Value>
+std::string Octets(const Value& value) {
+  return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+
+/// Returns `bytes` filled up with zeros to a multiple of 4.
+inline std::string Padded(std::string bytes) {
+  bytes.resize((bytes.size() + 3) / 4 * 4, '\0');
+  return bytes;
+}
+
+/// Returns one netlink attribute with its padding.
+inline std::string AttributeBytes(std::uint16_t type, const std::string& data) {
+  return Padded(Octets(static_cast<std::uint16_t>(4 + data.size())) + Octets(type) + data);
+}
+
+/// Returns one netlink message with its padding: no flags, sequence 1, port 0.
+inline std::string MessageBytes(std::uint16_t type, const std::string& body) {
+  const std::uint32_t tail[] = {std::uint32_t{type}, 1, 0};
+  return Padded(Octets(static_cast<std::uint32_t>(16 + body.size())) + Octets(tail) + body);
 }
 
 }  // namespace kiv::test
