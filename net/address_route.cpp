@@ -198,13 +198,12 @@ bool ParseAddress(const NetlinkMessage& message, InterfaceAddress& address, unsi
     return false;
   }
   utils::StringView rest = Behind(message.bytes, sizeof(nlmsghdr) + sizeof header);
-  std::string text;
-  for (NetlinkAttribute attribute; text.empty() && NextAttribute(rest, attribute);) {
-    std::uint32_t number = 0;
-    if ((attribute.type == IFA_ADDRESS || attribute.type == IFA_LOCAL) && ReadAt(attribute.data, 0, number)) {
-      text = NtoIP(number);
-    }
+  std::uint32_t number = 0;
+  bool found = false;
+  for (NetlinkAttribute attribute; !found && NextAttribute(rest, attribute);) {
+    found = (attribute.type == IFA_ADDRESS || attribute.type == IFA_LOCAL) && ReadAt(attribute.data, 0, number);
   }
+  std::string text = found ? NtoIP(number) : "";
   if (text.empty()) {
     return false;
   }

@@ -13,8 +13,11 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "internal/unique_fd.h"
@@ -150,9 +153,33 @@ inline std::string AttributeBytes(std::uint16_t type, const std::string& data) {
 
 /// Returns one netlink message with its padding: no flags, sequence 1, port 0.
 inline std::string MessageBytes(std::uint16_t type, const std::string& body) {
-  const std::uint32_t tail[] = {std::uint32_t{type}, 1, 0};
-  return Padded(Octets(static_cast<std::uint32_t>(16 + body.size())) + Octets(tail) + body);
+  const std::uint16_t flags = 0;
+  const std::uint32_t sequenceAndPort[] = {1, 0};
+  return Padded(Octets(static_cast<std::uint32_t>(16 + body.size())) + Octets(type) + Octets(flags) +
+                Octets(sequenceAndPort) + body);
 }
+
+/// A folder of its own, "/tmp/kXXXXXX", removed at its end with all that is in it.
+class TempFolder {
+ public:
+  TempFolder() {
+    if (::mkdtemp(mPath.data()) == nullptr) {
+      mPath.clear();
+    }
+  }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  ~TempFolder() {
+    std::error_code ignored;
+    (void)std::filesystem::remove_all(mPath, ignored);
+  }
+
+  /// Empty when it could not be made.
+  const std::string& Path() const { return mPath; }
+
+ private:
+  std::string mPath = "/tmp/kXXXXXX";
+};
 
 }  // namespace kiv::test
 

@@ -573,8 +573,8 @@ class KIV_EXPORT Iface {
   /// Asks descriptor 1 (standard output) for the flags of this name, and stores 0 when that fails: it gives the flags
   /// only in a program whose descriptor 1 is a socket. Call GetIfaces again instead.
   ///
-  /// Returns -1, with errno, when no socket can be opened (descriptor 0 is asked then), otherwise what closing that
-  /// socket returned, 0. Does not tell whether the flags were read.
+  /// Returns -1 when no socket can be opened (descriptor 0 is asked then), otherwise what closing that socket returned,
+  /// 0. Does not tell whether the flags were read.
   int UpdateFlags();
 
  private:

@@ -4,8 +4,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
@@ -17,6 +19,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <initializer_list>
 #include <iterator>
@@ -29,6 +32,7 @@ namespace {
 // Plain pointers: the calls below also come before main and while a thread ends.
 thread_local CallLog* currentLog = nullptr;
 thread_local ResolverAnswer* currentAnswer = nullptr;
+thread_local InterfaceList* currentInterfaces = nullptr;
 thread_local std::vector<Fault*>* currentFaults = nullptr;
 
 void Note(const char* name, const std::initializer_list<long long>& args, const void* data, std::size_t size) {
@@ -48,16 +52,37 @@ const Fault* FindFault(const char* name) {
   return found;
 }
 
-// Notes a call. Gives the result to return instead of making it, with errno set, when a Fault asks for that.
-std::optional<long long> Intercept(const char* name, const std::initializer_list<long long>& args,
-                                   const void* data = nullptr, std::size_t size = 0) {
-  Note(name, args, data, size);
+// Gives the result to return instead of making a call, with errno set, when a Fault asks for that. The Fault's bytes go
+// to `buffer`.
+std::optional<long long> Replace(const char* name, void* buffer = nullptr, std::size_t size = 0) {
   const Fault* const fault = FindFault(name);
   if (fault == nullptr) {
     return std::nullopt;
   }
+  (void)fault->Bytes().copy(static_cast<char*>(buffer), size);
   errno = fault->Error();
   return fault->Result();
+}
+
+// For a call that hands over `data`.
+std::optional<long long> Intercept(const char* name, const std::initializer_list<long long>& args,
+                                   const void* data = nullptr, std::size_t size = 0) {
+  Note(name, args, data, size);
+  return Replace(name);
+}
+
+// For a call that gives bytes through `buffer`.
+std::optional<long long> InterceptGiving(const char* name, const std::initializer_list<long long>& args, void* buffer,
+                                         std::size_t size) {
+  Note(name, args, nullptr, 0);
+  return Replace(name, buffer, size);
+}
+
+long long MarkOfFailure(const std::string& name) {
+  if (name == "getaddrinfo" || name == "getnameinfo") {
+    return EAI_SYSTEM;
+  }
+  return name == "if_nametoindex" || name == "if_indextoname" ? 0 : -1;
 }
 
 // The definition that comes after this executable's own.
@@ -73,6 +98,9 @@ void* Next(const char* name) {
 const char* TimeName(const char* name64, const char* name) {
   return sizeof(std::time_t) > sizeof(long) ? name64 : name;
 }
+
+// The same renaming, on 32-bit machines with 64-bit file offsets.
+const char* OffsetName(const char* name64, const char* name) { return sizeof(off_t) > sizeof(long) ? name64 : name; }
 
 }  // namespace
 
@@ -120,13 +148,16 @@ bool Fault::Takes(const std::string& name) {
   return mRemaining == 0;
 }
 
-Fault FailCall(const std::string& name, int error, unsigned nth) {
-  return {name, name == "getaddrinfo" ? EAI_SYSTEM : -1, error, nth};
-}
+Fault FailCall(const std::string& name, int error, unsigned nth) { return {name, MarkOfFailure(name), error, nth}; }
 
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth) { return {name, result, 0, nth}; }
 
-Fault GiveFromRead(const std::string& bytes) { return {"read", static_cast<long long>(bytes.size()), 0, 1, bytes}; }
+Fault GiveFrom(const std::string& name, const std::string& bytes, unsigned nth) {
+  const bool returnsZero = name == "ioctl" || name == "gethostname";
+  return {name, returnsZero ? 0 : static_cast<long long>(bytes.size()), 0, nth, bytes};
+}
+
+Fault GiveFromRead(const std::string& bytes) { return GiveFrom("read", bytes); }
 
 ResolverAnswer::ResolverAnswer(std::vector<sockaddr_in> addresses) : mAddresses(std::move(addresses)) {
   currentAnswer = this;
@@ -167,14 +198,45 @@ void ResolverAnswer::Free(const addrinfo* list) {
   mGiven.erase(given);
 }
 
+InterfaceList::InterfaceList(std::vector<ListedInterface> interfaces) : mInterfaces(std::move(interfaces)) {
+  currentInterfaces = this;
+}
+
+InterfaceList::~InterfaceList() {
+  currentInterfaces = nullptr;
+  EXPECT_TRUE(mGiven.empty()) << "a list of interfaces was not freed";
+}
+
+ifaddrs* InterfaceList::Make() {
+  for (const ListedInterface& interface : mInterfaces) {
+    mGiven.push_back(std::make_unique<Node>());
+    Node& node = *mGiven.back();
+    node.content = interface;
+    node.entry.ifa_name = node.content.name.data();
+    node.entry.ifa_flags = interface.flags;
+    node.entry.ifa_addr = interface.address ? reinterpret_cast<sockaddr*>(&*node.content.address) : nullptr;
+  }
+  for (std::size_t i = 1; i < mGiven.size(); ++i) {
+    mGiven[i - 1]->entry.ifa_next = &mGiven[i]->entry;
+  }
+  return mGiven.empty() ? nullptr : &mGiven.front()->entry;
+}
+
+void InterfaceList::Free(const ifaddrs* list) {
+  EXPECT_EQ(list, mGiven.empty() ? nullptr : &mGiven.front()->entry) << "freed what was not given, or freed it twice";
+  mGiven.clear();
+}
+
 }  // namespace kiv::test
 
 using kiv::test::currentAnswer;
-using kiv::test::Fault;
-using kiv::test::FindFault;
+using kiv::test::currentInterfaces;
 using kiv::test::Intercept;
+using kiv::test::InterceptGiving;
 using kiv::test::Next;
 using kiv::test::Note;
+using kiv::test::OffsetName;
+using kiv::test::Replace;
 using kiv::test::TimeName;
 
 // The C library's own declarations give these their linkage; their reserved parameter names cannot be repeated.
@@ -221,14 +283,8 @@ int poll(pollfd* entries, nfds_t count, int timeout) {
 
 ssize_t read(int fd, void* buffer, size_t size) {
   static const auto next = NEXT(read);
-  Note("read", {fd, static_cast<long long>(size)}, nullptr, 0);
-  const Fault* const fault = FindFault("read");
-  if (fault == nullptr) {
-    return next(fd, buffer, size);
-  }
-  (void)fault->Bytes().copy(static_cast<char*>(buffer), size);
-  errno = fault->Error();
-  return static_cast<ssize_t>(fault->Result());
+  const auto instead = InterceptGiving("read", {fd, static_cast<long long>(size)}, buffer, size);
+  return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size);
 }
 
 ssize_t write(int fd, const void* buffer, size_t size) {
@@ -258,6 +314,35 @@ int fcntl(int fd, int command, ...) {
   va_end(list);
   const auto instead = Intercept("fcntl", {fd, command, static_cast<int>(reinterpret_cast<std::intptr_t>(argument))});
   return instead ? static_cast<int>(*instead) : next(fd, command, argument);
+}
+
+int open(const char* path, int flags, ...) {
+  static const auto next = NEXT_AS(open, OffsetName("open64", "open"));
+  va_list list;
+  va_start(list, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0;
+  va_end(list);
+  const auto instead = Intercept("open", {flags, mode}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, flags, mode);
+}
+
+int access(const char* path, int mode) noexcept {
+  static const auto next = NEXT(access);
+  const auto instead = Intercept("access", {mode}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, mode);
+}
+
+// Takes its third argument as fcntl does. Its type is known for the interface's flags only, the one request here.
+int ioctl(int fd, unsigned long request, ...) noexcept {
+  static const auto next = NEXT_AS(ioctl, TimeName("__ioctl_time64", "ioctl"));
+  va_list list;
+  va_start(list, request);
+  void* const argument = va_arg(list, void*);
+  va_end(list);
+  const std::size_t size = request == SIOCGIFFLAGS ? sizeof(ifreq) : 0;
+  Note("ioctl", {fd, static_cast<long long>(request)}, argument, size);
+  const auto instead = Replace("ioctl", argument, size);
+  return instead ? static_cast<int>(*instead) : next(fd, request, argument);
 }
 
 int socket(int domain, int type, int protocol) noexcept {
@@ -298,8 +383,50 @@ ssize_t send(int fd, const void* buffer, size_t size, int flags) {
 
 ssize_t recv(int fd, void* buffer, size_t size, int flags) {
   static const auto next = NEXT(recv);
-  const auto instead = Intercept("recv", {fd, static_cast<long long>(size), flags});
+  const auto instead = InterceptGiving("recv", {fd, static_cast<long long>(size), flags}, buffer, size);
   return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size, flags);
+}
+
+ssize_t sendto(int fd, const void* buffer, size_t size, int flags, const sockaddr* to, socklen_t toSize) {
+  static const auto next = NEXT(sendto);
+  std::string data(static_cast<const char*>(buffer), size);
+  data.append(reinterpret_cast<const char*>(to), toSize);
+  const auto instead = Intercept("sendto", {fd, static_cast<long long>(size), flags, toSize}, data.data(), data.size());
+  return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size, flags, to, toSize);
+}
+
+ssize_t recvfrom(int fd, void* buffer, size_t size, int flags, sockaddr* from, socklen_t* fromSize) {
+  static const auto next = NEXT(recvfrom);
+  const auto instead = InterceptGiving("recvfrom", {fd, static_cast<long long>(size), flags, *fromSize}, buffer, size);
+  return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size, flags, from, fromSize);
+}
+
+int sethostname(const char* name, size_t size) noexcept {
+  static const auto next = NEXT(sethostname);
+  const auto instead = Intercept("sethostname", {static_cast<long long>(size)}, name, size);
+  return instead ? static_cast<int>(*instead) : next(name, size);
+}
+
+int gethostname(char* name, size_t size) noexcept {
+  static const auto next = NEXT(gethostname);
+  const auto instead = InterceptGiving("gethostname", {static_cast<long long>(size)}, name, size);
+  return instead ? static_cast<int>(*instead) : next(name, size);
+}
+
+unsigned int if_nametoindex(const char* name) noexcept {
+  static const auto next = NEXT(if_nametoindex);
+  const auto instead = Intercept("if_nametoindex", {}, name, std::strlen(name));
+  return instead ? static_cast<unsigned int>(*instead) : next(name);
+}
+
+char* if_indextoname(unsigned int index, char* name) noexcept {
+  static const auto next = NEXT(if_indextoname);
+  const auto instead = InterceptGiving("if_indextoname", {index}, name, IF_NAMESIZE - 1);
+  if (!instead) {
+    return next(index, name);
+  }
+  name[*instead] = '\0';
+  return *instead == 0 ? nullptr : name;
 }
 
 const char* inet_ntop(int family, const void* address, char* text, socklen_t size) noexcept {
@@ -336,6 +463,39 @@ void freeaddrinfo(addrinfo* list) noexcept {
     next(list);
   }
   errno = EBADMSG;  // Freeing may change it, and the caller has to allow for that.
+}
+
+int getifaddrs(ifaddrs** list) noexcept {
+  static const auto next = NEXT(getifaddrs);
+  const auto instead = Intercept("getifaddrs", {});
+  if (instead) {
+    // As with getaddrinfo: nobody may look at it, nor free it.
+    *list = reinterpret_cast<ifaddrs*>(alignof(ifaddrs));
+    return static_cast<int>(*instead);
+  }
+  if (currentInterfaces != nullptr) {
+    *list = currentInterfaces->Make();
+    return 0;
+  }
+  return next(list);
+}
+
+void freeifaddrs(ifaddrs* list) noexcept {
+  static const auto next = NEXT(freeifaddrs);
+  (void)Intercept("freeifaddrs", {});
+  if (currentInterfaces != nullptr) {
+    currentInterfaces->Free(list);
+  } else {
+    next(list);
+  }
+}
+
+int getnameinfo(const sockaddr* address, socklen_t size, char* host, socklen_t hostSize, char* service,
+                socklen_t serviceSize, int flags) {
+  static const auto next = NEXT(getnameinfo);
+  const auto instead =
+      Intercept("getnameinfo", {size, hostSize, service != nullptr, serviceSize, flags}, address, size);
+  return instead ? static_cast<int>(*instead) : next(address, size, host, hostSize, service, serviceSize, flags);
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -1,10 +1,12 @@
 #ifndef KIV_TESTS_FAULT_INTERPOSE_H
 #define KIV_TESTS_FAULT_INTERPOSE_H
 
+#include <ifaddrs.h>
 #include <netdb.h>
 #include <netinet/in.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,7 +20,9 @@ namespace kiv::test {
 struct CallRecord {
   std::string name;
   std::vector<long long> args;  ///< Arguments that are numbers, in their order; pointers are left out.
-  std::string data;             ///< Bytes handed over: an address, an option value, a timer setting, data to send.
+  /// Bytes handed over: an address, an option value, a timer setting, a name, data to send. Those of sendto are the
+  /// data and behind them the address.
+  std::string data;
 };
 
 /// Notes the calls made while it exists. Only one at a time.
@@ -64,12 +68,18 @@ class Fault {
   std::string mBytes;
 };
 
-/// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel. Two calls
-/// differ: getaddrinfo returns EAI_SYSTEM, and close does close before it reports the error, as Linux does.
+/// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel, and return what
+/// marks a failure: EAI_SYSTEM from getaddrinfo and getnameinfo, 0 or null from the calls for interface names, -1 from
+/// all others. One differs: close does close before it reports the error, as Linux does.
 Fault FailCall(const std::string& name, int error, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth = 1);
+
+/// Makes the `nth` call of `name` from now on give these bytes, and no more, without reaching the kernel. For read,
+/// recv, recvfrom and if_indextoname, which return their number (the last one a text made of them), and for ioctl and
+/// gethostname, which return 0.
+Fault GiveFrom(const std::string& name, const std::string& bytes, unsigned nth = 1);
 
 /// Makes the next read give these bytes, and no more, whatever the descriptor has.
 Fault GiveFromRead(const std::string& bytes);
@@ -94,6 +104,35 @@ class ResolverAnswer {
 
   std::vector<sockaddr_in> mAddresses;
   std::vector<std::vector<std::unique_ptr<Entry>>> mGiven;
+};
+
+/// One entry of an InterfaceList.
+struct ListedInterface {
+  std::string name;
+  unsigned int flags;
+  std::optional<sockaddr_in> address;  ///< Nothing for an entry without an address.
+};
+
+/// Makes getifaddrs give these entries, in this order. Fails the test when a list is not freed, or freed twice. Only
+/// one at a time, and one list at a time from it.
+class InterfaceList {
+ public:
+  explicit InterfaceList(std::vector<ListedInterface> interfaces);
+  InterfaceList(const InterfaceList&) = delete;
+  InterfaceList& operator=(const InterfaceList&) = delete;
+  ~InterfaceList();
+
+  ifaddrs* Make();
+  void Free(const ifaddrs* list);
+
+ private:
+  struct Node {
+    ListedInterface content;
+    ifaddrs entry;
+  };
+
+  std::vector<ListedInterface> mInterfaces;
+  std::vector<std::unique_ptr<Node>> mGiven;
 };
 
 /// Reads a value back out of CallRecord::data; zero-filled when the sizes differ.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -19,6 +20,16 @@ namespace kiv::test {
 class KernelTest : public testing::Test {
  protected:
   void SetUp() override;
+  void TearDown() override;
+
+  /// Skips the case, wherever it runs, when this kernel lacks a link kind. For the end of SetUp.
+  void NeedKind(const std::string& kind);
+
+  /// Tells whether the namespaces are there: only then may a SetUp of its own change anything.
+  bool IsReady() const { return mReady; }
+
+ private:
+  bool mReady = false;
 };
 
 /// A second network namespace, held by a process that sleeps in it until the object ends.
@@ -39,8 +50,14 @@ class OtherNamespace {
   internal::UniqueFd mLife;
 };
 
-/// Runs a shell command and returns its output. A status other than 0 fails the test.
+/// Runs a shell command and returns its output; its "ip" is that of iproute2. A status other than 0 fails the test.
 std::string Shell(const std::string& command);
+
+/// Runs a file of ip commands, one a line without the leading "ip". A command that fails fails the test.
+void IpBatch(const std::string& lines);
+
+/// Tells whether `ip ARGUMENTS` succeeds: what the kernel answers to the same request from another program.
+bool IpAccepts(const std::string& arguments);
 
 /// Returns what `ip -j -d ARGUMENTS` prints in this namespace; an empty array when it prints nothing.
 nlohmann::json Ip(const std::string& arguments);
@@ -54,11 +71,21 @@ bool HasFlag(const std::string& name, const std::string& flag);
 /// Tells whether this kernel has a link kind.
 bool KernelHas(const std::string& kind);
 
-/// Puts files in place of those below /proc/net, for this process alone. Call WriteFile for each; what is not written
-/// does not exist. Ends with the case's mount namespace.
+/// Returns what `claim` returns in a child process; one that dies, or lives for a minute, counts as false.
+bool IsTrueInChild(const std::function<bool()>& claim);
+
+/// As IsTrueInChild, in a child that has no capability left.
+bool IsTrueUnprivileged(const std::function<bool()>& claim);
+
+/// Puts files in place of those below /proc/net, for this process alone, while it lives. Call WriteFile for each; what
+/// is not written does not exist.
 class ProcNet {
  public:
   ProcNet();
+  ProcNet(const ProcNet&) = delete;
+  ProcNet& operator=(const ProcNet&) = delete;
+  ~ProcNet();
+
   void WriteFile(const std::string& name, const std::string& content) const;
 };
 
