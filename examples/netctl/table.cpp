@@ -1,0 +1,122 @@
+#include "table.h"
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+bool IsControl(unsigned char byte) { return byte < 0x20 || byte == 0x7F; }
+
+bool IsContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
+
+std::string Join(const std::vector<std::string>& words) {
+  std::string text;
+  for (const std::string& word : words) {
+    text += (text.empty() ? "" : ",") + word;
+  }
+  return text;
+}
+
+struct CellText {
+  std::string operator()(const std::string& text) const { return text.empty() ? "-" : Printable(text); }
+  std::string operator()(std::uint32_t number) const { return std::to_string(number); }
+  std::string operator()(bool yes) const { return yes ? "yes" : "no"; }
+  std::string operator()(const std::vector<std::string>& words) const { return (*this)(Join(words)); }
+};
+
+// Characters, not bytes: columns stay straight under names with umlauts.
+std::size_t Width(const std::string& text) {
+  return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), IsContinuation));
+}
+
+// The length of the UTF-8 character at `at`, or 0 where there is none: overlong forms, surrogates and code points that
+// do not exist included.
+std::size_t CharacterLength(const std::string& text, std::size_t at) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  const auto next = static_cast<unsigned char>(at + 1 < text.size() ? text[at + 1] : '\0');
+  if (lead < 0x80) {
+    return 1;
+  }
+  if (lead < 0xC2 || lead > 0xF4 || (lead == 0xE0 && next < 0xA0) || (lead == 0xED && next > 0x9F) ||
+      (lead == 0xF0 && next < 0x90) || (lead == 0xF4 && next > 0x8F)) {
+    return 0;
+  }
+  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+  for (std::size_t i = at + 1; i < at + length; ++i) {
+    if (i >= text.size() || !IsContinuation(text[i])) {
+      return 0;
+    }
+  }
+  return length;
+}
+
+struct CellJson {
+  std::string operator()(const std::string& text) const {
+    std::string json = "\"";
+    for (std::size_t i = 0; i < text.size();) {
+      const std::size_t length = CharacterLength(text, i);
+      if (length == 0) {
+        json += "\\ufffd";
+      } else if (IsControl(static_cast<unsigned char>(text[i])) || text[i] == '"' || text[i] == '\\') {
+        char escape[8];
+        (void)std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(text[i]));
+        json += escape;
+      } else {
+        json.append(text, i, length);
+      }
+      i += length == 0 ? 1 : length;
+    }
+    return json + "\"";
+  }
+  std::string operator()(std::uint32_t number) const { return std::to_string(number); }
+  std::string operator()(bool yes) const { return yes ? "true" : "false"; }
+  std::string operator()(const std::vector<std::string>& words) const {
+    std::vector<std::string> quoted;
+    std::transform(words.begin(), words.end(), std::back_inserter(quoted), *this);
+    return "[" + Join(quoted) + "]";
+  }
+};
+
+}  // namespace
+
+std::string Printable(const std::string& text) {
+  std::string printable = text;
+  std::replace_if(printable.begin(), printable.end(), IsControl, '?');
+  return printable;
+}
+
+std::string ToText(const Table& table) {
+  std::vector<std::vector<std::string>> lines{table.columns};
+  for (const auto& row : table.rows) {
+    std::vector<std::string>& line = lines.emplace_back();
+    for (const Cell& cell : row) {
+      line.push_back(std::visit(CellText{}, cell));
+    }
+  }
+  std::vector<std::size_t> widths(table.columns.size(), 0);
+  for (const auto& line : lines) {
+    for (std::size_t i = 0; i < line.size(); ++i) {
+      widths[i] = std::max(widths[i], Width(line[i]));
+    }
+  }
+  std::string text;
+  for (const auto& line : lines) {
+    for (std::size_t i = 0; i + 1 < line.size(); ++i) {
+      text.append(line[i]).append(widths[i] + 2 - Width(line[i]), ' ');
+    }
+    text += line.back() + "\n";
+  }
+  return text;
+}
+
+std::string ToJson(const Table& table) {
+  std::string json;
+  for (const auto& row : table.rows) {
+    json += json.empty() ? "" : ",\n";
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      json += (i == 0 ? "{\"" : ",\"") + table.columns[i] + "\":" + std::visit(CellJson{}, row[i]);
+    }
+    json += "}";
+  }
+  return "[" + json + "]\n";
+}
