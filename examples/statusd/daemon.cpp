@@ -10,6 +10,7 @@
 namespace {
 
 constexpr kiv::net::Milliseconds kSweepInterval(250);
+constexpr kiv::net::Milliseconds kNetworkInterval(1000);
 constexpr kiv::net::Milliseconds kReportInterval(1000);
 
 }  // namespace
@@ -27,7 +28,8 @@ Daemon::Daemon(const CommandLine& commandLine, const Settings& settings)
       mSettings(settings),
       mPasses(mLoop, mStatus.loopPasses),
       mServer(mLoop, mPasses, [this](const std::string& input) { return Answer(input); }),
-      mPeer(mLoop, mStatus.peer) {}
+      mPeer(mLoop, mStatus.peer),
+      mNetwork(mLoop, mStatus.network) {}
 
 bool Daemon::Start() {
   if (!mServer.Listen(mSettings.listenIp, mSettings.listenPort)) {
@@ -39,11 +41,13 @@ bool Daemon::Start() {
   mLoop.AddSignal(SIGINT, [this](int) { Stop(); });
   mLoop.AddSignal(SIGHUP, [this](int) { Reload(); });
   Every(kSweepInterval, &Daemon::Sweep);
+  Every(kNetworkInterval, &Daemon::LookAtNetwork);
   if (mCommandLine.report) {
     Every(kReportInterval, &Daemon::Report);
   }
   Apply(mSettings);
   FetchPeer();
+  LookAtNetwork();
   std::printf("listening on %s\n", mServer.Url().c_str());
   std::fflush(stdout);
   return true;

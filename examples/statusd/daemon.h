@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "network_watch.h"
 #include "pass_counter.h"
 #include "peer_watch.h"
 #include "server.h"
@@ -14,7 +15,8 @@
 /// Prints one line on stderr, whatever `message` holds.
 void Complain(const std::string& message);
 
-/// The whole of statusd: one loop, a server on it, a peer to watch, and timers and signals that drive them.
+/// The whole of statusd: one loop, a server on it, a peer and the network to watch, and timers and signals that drive
+/// them.
 class Daemon {
  public:
   Daemon(const CommandLine& commandLine, const Settings& settings);
@@ -32,6 +34,7 @@ class Daemon {
   void Stop();
   void Sweep();
   void FetchPeer() { mPeer.Fetch(); }
+  void LookAtNetwork() { mNetwork.Look(); }
   void Report();
   std::string Answer(const std::string& input);
 
@@ -43,6 +46,7 @@ class Daemon {
   PassCounter mPasses;
   Server mServer;
   PeerWatch mPeer;
+  NetworkWatch mNetwork;
   unsigned mFetchTimer = 0;
   bool mStopped = false;
 };

@@ -21,6 +21,13 @@ struct PeerStatus {
   unsigned long skipped = 0;  ///< Ticks that found the previous fetch still under way.
 };
 
+/// What is known of the network.
+struct NetworkStatus {
+  std::string tables;  ///< Members of /status.json, made once for all requests.
+  unsigned long snapshots = 0;
+  std::optional<double> tookMs;  ///< What the last snapshot took.
+};
+
 /// Everything that the page shows. Belongs to the loop thread.
 struct Status {
   std::string name;
@@ -30,6 +37,7 @@ struct Status {
   unsigned long requests = 0;
   std::size_t clients = 0;
   PeerStatus peer;
+  NetworkStatus network;
 };
 
 /// Returns the body of /status.json, valid UTF-8 whatever the strings hold.

@@ -1,5 +1,6 @@
-"""What the tests of statusd share: the daemon itself, and a peer for it that does what a test wants."""
+"""What the tests of statusd share: the daemon itself, a peer for it that does what a test wants, and a network."""
 import contextlib
+import ctypes
 import json
 import os
 import re
@@ -27,6 +28,12 @@ def wait_for(condition, what):
     pytest.fail(f"gave up waiting for {what}")
 
 
+def need(there, what):
+    """Something may be missing on a laptop, but not where it counts."""
+    if not there:
+        (pytest.fail if os.environ.get("CI") else pytest.skip)(what)
+
+
 def command(*options):
     return shlex.split(os.environ.get("STATUSD_EMULATOR", "")) + [os.environ["STATUSD"], *map(str, options)]
 
@@ -52,14 +59,20 @@ class Reply:
 
 
 class Daemon:
-    """A running statusd. Options with a value are keywords, with "_" for "-"; None leaves one out."""
+    """A running statusd. Options with a value are keywords, with "_" for "-"; None leaves one out.
 
-    def __init__(self, *flags, **options):
+    It runs in the namespace, if there is one, and behind the words of the prefix.
+    """
+
+    def __init__(self, *flags, namespace=None, prefix=(), **options):
+        self.namespace = namespace
         options.setdefault("listen", "127.0.0.1:0")
         words = [word for key, value in options.items() if value is not None
                  for word in ("--" + key.replace("_", "-"), value)]
         self.expected_complaints = 0
-        self.process = subprocess.Popen(command(*flags, *words), stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        enter = namespace.enter if namespace else []
+        self.process = subprocess.Popen([*enter, *prefix, *command(*flags, *words)], stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE)
         self.pid = self.process.pid
         if not select.select([self.process.stdout], [], [], PATIENCE)[0]:
             self.process.kill()
@@ -72,7 +85,7 @@ class Daemon:
         self.url, self.port = found[1], int(found[3])
 
     def connect(self, receive_buffer=None):
-        connection = socket.socket()
+        connection = self.namespace.socket() if self.namespace else socket.socket()
         connection.settimeout(PATIENCE)
         if receive_buffer:
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
@@ -97,8 +110,36 @@ class Daemon:
     def wait_for_peer(self, state):
         return wait_for(lambda: (peer := self.peer())["state"] == state and peer, f"peer {state}")
 
+    def next_snapshot(self):
+        """Waits until the daemon has looked at the network once more."""
+        before = self.status()["network"]["snapshots"]
+        return wait_for(lambda: (status := self.status())["network"]["snapshots"] > before and status, "a snapshot")
+
+    @contextlib.contextmanager
+    def between_snapshots(self):
+        """What happens in here is one change for the daemon."""
+        self.next_snapshot()
+        self.process.send_signal(signal.SIGSTOP)
+        try:
+            yield
+        finally:
+            self.process.send_signal(signal.SIGCONT)
+
+    def _open(self):
+        found = set()
+        for fd in os.listdir(f"/proc/{self.pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):
+                found.add((fd, os.readlink(f"/proc/{self.pid}/fd/{fd}")))
+        return found
+
     def descriptors(self):
-        return len(os.listdir(f"/proc/{self.pid}/fd"))
+        """Counts its descriptors, without those that it looks at the network with."""
+        before, passing = self._open(), set()
+        for family, column in (("netlink", 9), ("unix", 6)):
+            with open(f"/proc/{self.pid}/net/{family}") as sockets:
+                passing |= {f"socket:[{line.split()[column]}]" for line in sockets}
+        return len([link for fd, link in before & self._open()
+                    if link not in passing and not link.startswith(("/proc/", "/sys/"))])
 
     def complaint(self):
         """Waits for the next line on stderr."""
@@ -194,3 +235,60 @@ def fake_peer():
             return peer
 
         yield start
+
+
+class Namespace:
+    """A network of its own: its loopback interface is up, and v0 and v1 are the ends of one cable."""
+
+    def __init__(self):
+        # The holder ends with this process, whatever becomes of it: cat reads from a pipe.
+        prepare = "mount -t sysfs sysfs /sys && ip link set lo up && echo ready && exec cat"
+        self.holder = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", prepare], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.enter = ["nsenter", f"--target={self.holder.pid}", "--net", "--mount"]
+
+    def is_ready(self):
+        return self.holder.stdout.readline() == b"ready\n"
+
+    def ip(self, words, **options):
+        """Runs ip(8) with these words."""
+        return subprocess.run([*self.enter, "ip", *words.split()], check=True, capture_output=True, timeout=PATIENCE,
+                              **options).stdout
+
+    def batch(self, lines):
+        """Runs ip(8) once with many lines."""
+        self.ip("-batch -", input="".join(line + "\n" for line in lines).encode(errors="surrogateescape"))
+
+    def see(self, words):
+        """Returns what ip(8) shows, with numbers for names."""
+        return json.loads(self.ip("-json -Numeric " + words))
+
+    def socket(self):
+        """Returns a TCP socket of this network: it belongs to the one that its thread is in when it is made."""
+        made = []
+
+        def make():
+            with open(f"/proc/{self.holder.pid}/ns/net") as handle:
+                if ctypes.CDLL(None, use_errno=True).setns(handle.fileno(), 0) == 0:
+                    made.append(socket.socket())
+
+        thread = threading.Thread(target=make)
+        thread.start()
+        thread.join()
+        return made[0]
+
+    def close(self):
+        self.holder.communicate()
+
+
+@pytest.fixture
+def namespace():
+    made = Namespace()
+    try:
+        need(made.is_ready(), "network namespaces need root")
+        made.batch(["link add v0 type veth peer name v1", "link set v0 address 02:00:00:00:00:10", "link set v0 up",
+                    "link set v1 up", "addr add 192.0.2.1/24 dev v0"])
+        wait_for(lambda: made.see("link show v0")[0]["operstate"] == "UP", "v0 to be up")
+        yield made
+    finally:
+        made.close()

@@ -3,19 +3,15 @@ import contextlib
 import os
 import shutil
 import signal
+import socketserver
+import threading
 
 import pytest
-from conftest import PATIENCE, wait_for
+from conftest import PATIENCE, need, wait_for
 
 CHROMIUM = "/usr/bin/chromium"
 DRIVER = "/usr/bin/chromedriver"
 SIZES = {"wide": (1280, 900), "narrow": (500, 1000)}
-
-
-def need(there, what):
-    """A browser may be missing on a laptop, but not where it counts."""
-    if not there:
-        (pytest.fail if os.environ.get("CI") else pytest.skip)(f"{what} is not installed")
 
 
 @pytest.fixture(scope="module")
@@ -27,12 +23,12 @@ def artifacts():
 
 @pytest.fixture
 def browser(tmp_path):
-    need(os.path.exists(CHROMIUM) and os.path.exists(DRIVER), "chromium")
+    need(os.path.exists(CHROMIUM) and os.path.exists(DRIVER), "chromium is not installed")
     try:
         from selenium import webdriver
         from selenium.webdriver.chrome.service import Service
     except ImportError:
-        need(False, "selenium")
+        need(False, "selenium is not installed")
     with contextlib.ExitStack() as stack:
 
         def start(scheme="light", size=SIZES["wide"]):
@@ -75,8 +71,50 @@ def save_screenshots(driver, artifacts, name):
     for size in SIZES:
         for scheme in ("light", "dark"):
             look(driver, scheme, SIZES[size])
+            height = driver.execute_script("return document.documentElement.scrollHeight")
+            look(driver, scheme, (SIZES[size][0], height))
             assert driver.save_screenshot(os.path.join(artifacts, f"statusd-{name}-{size}-{scheme}.png"))
     look(driver, "light", SIZES["wide"])
+
+
+@pytest.fixture
+def relay():
+    """Makes the page of a daemon in a namespace visible to a browser outside."""
+    with contextlib.ExitStack() as stack:
+
+        def start(daemon):
+            class Handler(socketserver.BaseRequestHandler):
+                def handle(self):
+                    request = self.request.recv(65536)
+                    if request:
+                        self.request.sendall(daemon.send(request))
+
+            server = stack.enter_context(socketserver.ThreadingTCPServer(("127.0.0.1", 0), Handler))
+            server.daemon_threads = True
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            stack.callback(server.shutdown)
+            return f"http://127.0.0.1:{server.server_address[1]}/"
+
+        yield start
+
+
+def rows(driver, table):
+    """Returns the texts of the table's rows, the mark last."""
+    return driver.execute_script("""
+        return [...document.getElementById(arguments[0]).tBodies[0].rows]
+            .map((row) => [...row.cells].map((cell) => cell.textContent))""", table)
+
+
+def hold_at(driver, marks):
+    """Lets the page stand still as soon as it shows this many marks, however slow this test is."""
+    driver.execute_script("""
+        const [marks] = arguments;
+        new MutationObserver(() => {
+          if ([...document.querySelectorAll("td.mark")].filter((cell) => cell.textContent).length === marks) {
+            window.fetch = () => new Promise(() => {});
+            document.body.dataset.held = "yes";
+          }
+        }).observe(document.getElementById("cards"), { subtree: true, childList: true });""", marks)
 
 
 def complaints(driver):
@@ -167,3 +205,91 @@ def test_page_asks_nobody_but_its_daemon(statusd, browser):
     wait_for_text(driver, "link", "live")
     names = driver.execute_script("return performance.getEntriesByType('resource').map((entry) => entry.name)")
     assert {name for name in names if not name.startswith("data:")} == {daemon.url + "status.json"}
+
+
+def test_page_shows_the_network_and_marks_what_changes(statusd, namespace, browser, relay, artifacts):
+    namespace.batch([
+        "addr add 203.0.113.5/32 dev v0", "link add idle type veth peer name spare",
+        "route add default via 192.0.2.254", "route add 198.18.0.0/15 via 192.0.2.2 proto static",
+        "route add blackhole 10.0.0.0/8 table 100",
+        "neigh add 192.0.2.2 lladdr 02:00:00:00:00:02 dev v0", "neigh add 192.0.2.3 lladdr 02:00:00:00:00:03 dev v0",
+    ])
+    daemon = statusd(namespace=namespace, name="gateway")
+    driver = browser()
+    driver.get(relay(daemon))
+    wait_for(lambda: rows(driver, "neighbours"), "the tables")
+    wait_for(lambda: not any(row[-1] for row in rows(driver, "routes")), "no marks")
+    v0 = next(row for row in rows(driver, "interfaces") if row[0] == "v0")
+    assert v0 == ["v0", "192.0.2.1/24\n203.0.113.5/32", "02:00:00:00:00:10", "UP RUNNING BROADCAST MULTICAST", ""]
+    assert rows(driver, "routes") == [
+        ["default", "192.0.2.254", "v0", "main", "boot", "unicast", ""],
+        ["192.0.2.0/24", "", "v0", "main", "kernel", "unicast", ""],
+        ["198.18.0.0/15", "192.0.2.2", "v0", "main", "static", "unicast", ""],
+        ["10.0.0.0/8", "", "", "100", "boot", "blackhole", ""],
+    ]
+    assert rows(driver, "neighbours")[0] == ["192.0.2.2", "v0", "02:00:00:00:00:02", "unknown", ""]
+    assert [text(driver, f"{table}-total") for table in ("interfaces", "routes", "neighbours")] == ["5", "4", "2"]
+    save_screenshots(driver, artifacts, "network")
+
+    hold_at(driver, 5)
+    with daemon.between_snapshots():
+        namespace.batch([
+            "addr add 198.51.100.7/32 dev v1", "route del default",
+            "route replace 198.18.0.0/15 via 192.0.2.3 proto static",
+            "route add 203.0.113.128/25 via 192.0.2.2", "neigh del 192.0.2.3 dev v0",
+        ])
+    wait_for(lambda: driver.execute_script("return document.body.dataset.held"), "the marks")
+    tables = ("interfaces", "routes", "neighbours")
+    marks = {row[0]: row[-1] for table in tables for row in rows(driver, table) if row[-1]}
+    assert marks == {"v1": "changed: addresses", "default": "gone", "198.18.0.0/15": "changed: gateway",
+                     "203.0.113.128/25": "new", "192.0.2.3": "gone"}
+    assert text(driver, "news") == "interfaces: 1 changed; routes: 1 new, 1 changed, 1 gone; neighbours: 1 gone"
+    save_screenshots(driver, artifacts, "network-changes")
+
+    driver.refresh()
+    wait_for(lambda: len(rows(driver, "routes")) == 4, "the tables")
+    assert complaints(driver) == []
+
+
+def test_rows_keep_their_elements_as_others_come_and_go(statusd, namespace, browser, relay):
+    daemon = statusd(namespace=namespace)
+    driver = browser()
+    driver.get(relay(daemon))
+    wait_for(lambda: rows(driver, "routes"), "the tables")
+    driver.execute_script("document.querySelector('#routes tbody').lastChild.dataset.kept = 'yes'")
+    kept = lambda: driver.execute_script("""
+        return [...document.querySelectorAll("#routes tbody tr")]
+            .map((row) => row.dataset.kept ?? row.cells[6].textContent)""")
+    namespace.ip("route add 10.0.0.0/8 via 192.0.2.2")
+    wait_for(lambda: kept() == ["", "yes"], "a row above, no longer new")
+    namespace.ip("route del 10.0.0.0/8")
+    wait_for(lambda: kept() == ["yes"], "the row to go")
+
+
+def test_empty_and_large_tables_say_so(statusd, namespace, browser, relay, artifacts):
+    daemon = statusd(namespace=namespace)
+    driver = browser()
+    driver.get(relay(daemon))
+    wait_for_text(driver, "neighbours-total", "none")
+    assert not driver.find_element("id", "neighbours").is_displayed()
+    save_screenshots(driver, artifacts, "network-empty")
+    namespace.batch(f"route add 10.0.{i // 256}.{i % 256}/32 via 192.0.2.2" for i in range(1500))
+    wait_for_text(driver, "routes-total", "first 200 of 1,501")
+    assert len(rows(driver, "routes")) == 200
+    wait_for(lambda: not any(row[-1] for row in rows(driver, "routes")), "no marks")
+    save_screenshots(driver, artifacts, "network-large")
+
+
+@pytest.mark.parametrize("width", [320, 500, 800, 1280])
+def test_page_with_long_rows_never_scrolls_sideways(statusd, namespace, browser, relay, width):
+    name = "W" * 15
+    namespace.batch([f"link add {name} type veth peer name plain", f"link set {name} up", "link set plain up",
+                     f"addr add 222.222.222.222/32 dev {name}", f"route add 111.111.111.128/25 dev {name}",
+                     f"neigh add 111.111.111.129 lladdr 02:00:00:00:00:02 dev {name}"])
+    daemon = statusd(namespace=namespace)
+    driver = browser(size=(width, 900))
+    driver.get(relay(daemon))
+    wait_for(lambda: rows(driver, "neighbours"), "the tables")
+    assert driver.execute_script("return document.documentElement.scrollWidth") <= width
+    assert driver.execute_script("""
+        return [...document.querySelectorAll(".rows")].every((box) => box.scrollWidth <= box.clientWidth)""")
