@@ -1,7 +1,8 @@
 #include "table.h"
 
 #include <algorithm>
-#include <cstdio>
+
+#include "common/json.h"
 
 namespace {
 
@@ -29,50 +30,13 @@ std::size_t Width(const std::string& text) {
   return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), IsContinuation));
 }
 
-// The length of the UTF-8 character at `at`, or 0 where there is none: overlong forms, surrogates and code points that
-// do not exist included.
-std::size_t CharacterLength(const std::string& text, std::size_t at) {
-  const auto lead = static_cast<unsigned char>(text[at]);
-  const auto next = static_cast<unsigned char>(at + 1 < text.size() ? text[at + 1] : '\0');
-  if (lead < 0x80) {
-    return 1;
-  }
-  if (lead < 0xC2 || lead > 0xF4 || (lead == 0xE0 && next < 0xA0) || (lead == 0xED && next > 0x9F) ||
-      (lead == 0xF0 && next < 0x90) || (lead == 0xF4 && next > 0x8F)) {
-    return 0;
-  }
-  const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  for (std::size_t i = at + 1; i < at + length; ++i) {
-    if (i >= text.size() || !IsContinuation(text[i])) {
-      return 0;
-    }
-  }
-  return length;
-}
-
 struct CellJson {
-  std::string operator()(const std::string& text) const {
-    std::string json = "\"";
-    for (std::size_t i = 0; i < text.size();) {
-      const std::size_t length = CharacterLength(text, i);
-      if (length == 0) {
-        json += "\\ufffd";
-      } else if (IsControl(static_cast<unsigned char>(text[i])) || text[i] == '"' || text[i] == '\\') {
-        char escape[8];
-        (void)std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned int>(text[i]));
-        json += escape;
-      } else {
-        json.append(text, i, length);
-      }
-      i += length == 0 ? 1 : length;
-    }
-    return json + "\"";
-  }
+  std::string operator()(const std::string& text) const { return JsonString(text); }
   std::string operator()(std::uint32_t number) const { return std::to_string(number); }
   std::string operator()(bool yes) const { return yes ? "true" : "false"; }
   std::string operator()(const std::vector<std::string>& words) const {
     std::vector<std::string> quoted;
-    std::transform(words.begin(), words.end(), std::back_inserter(quoted), *this);
+    std::transform(words.begin(), words.end(), std::back_inserter(quoted), JsonString);
     return "[" + Join(quoted) + "]";
   }
 };

@@ -12,7 +12,7 @@
 #include <tuple>
 #include <utility>
 
-#include "json.h"
+#include "common/json.h"
 
 namespace {
 

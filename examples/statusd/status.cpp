@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "json.h"
+#include "common/json.h"
 
 namespace {
 

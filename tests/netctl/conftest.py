@@ -10,18 +10,11 @@ import subprocess
 import time
 
 import pytest
+from namespaces import PATIENCE, Namespace, need
 
-PATIENCE = 60  # seconds that nothing should ever take
 SETTLING_FLAGS = {"LOWER_UP", "NO-CARRIER", "M-DOWN", "RUNNING"}
 SANITIZER_STATUS = 99  # unlike any of netctl's own
-EMULATOR = shlex.split(os.environ.get("NETCTL_EMULATOR", ""))
-
-
-def lacking(what):
-    """A machine that cannot run a test skips it, visibly; CI must be able to."""
-    if "CI" in os.environ:
-        pytest.fail(what)
-    pytest.skip(what)
+EMULATOR = shlex.split(os.environ.get("EMULATOR", ""))
 
 
 def environment(**options):
@@ -42,28 +35,8 @@ class Outcome:
         return self.output.decode("utf-8", "surrogateescape").splitlines()
 
 
-class Namespace:
-    """Network, mount and UTS namespaces that a process holds until close(); /sys shows this network."""
-
-    def __init__(self):
-        unshare = ["unshare", "--net", "--mount", "--uts"]
-        self._enter = ["nsenter", "--net", "--mount", "--uts"]
-        if os.geteuid() != 0:
-            unshare += ["--user", "--map-root-user"]
-            self._enter += ["--user", "--preserve-credentials"]
-        self._holder = subprocess.Popen([*unshare, "sh", "-c", "mount -t sysfs sysfs /sys && echo ready && exec cat"],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.pid = self._holder.pid
-        if self._holder.stdout.readline() != b"ready\n":
-            lacking(f"cannot make namespaces: {os.fsdecode(self._holder.communicate()[1])}")
-
-    def close(self):
-        self._holder.communicate()
-
-    def run(self, *command, **options):
-        command = [word if isinstance(word, bytes) else str(word) for word in command]
-        return subprocess.run([*self._enter, f"--target={self.pid}", "--", *command],
-                              timeout=PATIENCE, **{"capture_output": True, **options})
+class Space(Namespace):
+    """Namespaces with ip and netctl in them."""
 
     def ip(self, *words, **options):
         """Runs ip; returns its records, if it prints any."""
@@ -132,7 +105,7 @@ def spaces():
     with contextlib.ExitStack() as stack:
 
         def make():
-            space = Namespace()
+            space = Space()
             stack.callback(space.close)
             return space
 
@@ -159,9 +132,7 @@ def strace():
     if EMULATOR:
         pytest.skip("strace would see the emulator")
     words = ["strace", "-v", "-s", "4096"]
-    if not shutil.which("strace"):
-        lacking("no strace")
+    need(shutil.which("strace"), "no strace")
     probe = subprocess.run([*words, "-o", "/dev/null", "true"], capture_output=True, timeout=PATIENCE)
-    if probe.returncode != 0:
-        lacking(f"strace does not work here: {os.fsdecode(probe.stderr)}")
+    need(probe.returncode == 0, f"strace does not work here: {os.fsdecode(probe.stderr)}")
     return words

@@ -13,8 +13,8 @@ import threading
 import time
 
 import pytest
+from namespaces import PATIENCE, Namespace, need
 
-PATIENCE = 30  # seconds that nothing should ever take
 
 
 def wait_for(condition, what):
@@ -28,14 +28,8 @@ def wait_for(condition, what):
     pytest.fail(f"gave up waiting for {what}")
 
 
-def need(there, what):
-    """Something may be missing on a laptop, but not where it counts."""
-    if not there:
-        (pytest.fail if os.environ.get("CI") else pytest.skip)(what)
-
-
 def command(*options):
-    return shlex.split(os.environ.get("STATUSD_EMULATOR", "")) + [os.environ["STATUSD"], *map(str, options)]
+    return shlex.split(os.environ.get("EMULATOR", "")) + [os.environ["STATUSD"], *map(str, options)]
 
 
 def read_all(connection):
@@ -237,23 +231,14 @@ def fake_peer():
         yield start
 
 
-class Namespace:
-    """A network of its own: its loopback interface is up, and v0 and v1 are the ends of one cable."""
-
-    def __init__(self):
-        # The holder ends with this process, whatever becomes of it: cat reads from a pipe.
-        prepare = "mount -t sysfs sysfs /sys && ip link set lo up && echo ready && exec cat"
-        self.holder = subprocess.Popen(["unshare", "--net", "--mount", "sh", "-c", prepare], stdin=subprocess.PIPE,
-                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.enter = ["nsenter", f"--target={self.holder.pid}", "--net", "--mount"]
-
-    def is_ready(self):
-        return self.holder.stdout.readline() == b"ready\n"
+class Network(Namespace):
+    """Namespaces with ip(8), and sockets, in them."""
 
     def ip(self, words, **options):
         """Runs ip(8) with these words."""
-        return subprocess.run([*self.enter, "ip", *words.split()], check=True, capture_output=True, timeout=PATIENCE,
-                              **options).stdout
+        process = self.run("ip", *words.split(), **options)
+        assert process.returncode == 0, (words, process.stderr)
+        return process.stdout
 
     def batch(self, lines):
         """Runs ip(8) once with many lines."""
@@ -268,7 +253,7 @@ class Namespace:
         made = []
 
         def make():
-            with open(f"/proc/{self.holder.pid}/ns/net") as handle:
+            with open(f"/proc/{self.pid}/ns/net") as handle:
                 if ctypes.CDLL(None, use_errno=True).setns(handle.fileno(), 0) == 0:
                     made.append(socket.socket())
 
@@ -277,16 +262,14 @@ class Namespace:
         thread.join()
         return made[0]
 
-    def close(self):
-        self.holder.communicate()
-
 
 @pytest.fixture
 def namespace():
-    made = Namespace()
+    """A network whose loopback interface is up, and where v0 and v1 are the ends of one cable."""
+    need(os.geteuid() == 0, "sockets of another network need root")
+    made = Network()
     try:
-        need(made.is_ready(), "network namespaces need root")
-        made.batch(["link add v0 type veth peer name v1", "link set v0 address 02:00:00:00:00:10", "link set v0 up",
+        made.batch(["link set lo up", "link add v0 type veth peer name v1", "link set v0 address 02:00:00:00:00:10", "link set v0 up",
                     "link set v1 up", "addr add 192.0.2.1/24 dev v0"])
         wait_for(lambda: made.see("link show v0")[0]["operstate"] == "UP", "v0 to be up")
         yield made

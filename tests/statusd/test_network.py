@@ -202,7 +202,7 @@ def snapshots_in(log):
     return starts
 
 
-@pytest.mark.skipif(bool(os.environ.get("STATUSD_EMULATOR")), reason="strace would fail the emulator's calls")
+@pytest.mark.skipif(bool(os.environ.get("EMULATOR")), reason="strace would fail the emulator's calls")
 @pytest.mark.parametrize("call", [0, 1], ids=["socket for flags", "list of interfaces"])
 def test_tables_stay_when_the_kernel_cannot_be_asked(statusd, furnished, tmp_path, call):
     model = look(statusd, furnished, prefix=trace(tmp_path / "model"))

@@ -7,7 +7,8 @@ import socketserver
 import threading
 
 import pytest
-from conftest import PATIENCE, need, wait_for
+from conftest import wait_for
+from namespaces import PATIENCE, need
 
 CHROMIUM = "/usr/bin/chromium"
 DRIVER = "/usr/bin/chromedriver"

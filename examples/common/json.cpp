@@ -1,4 +1,4 @@
-#include "json.h"
+#include "common/json.h"
 
 #include <cstdio>
 
