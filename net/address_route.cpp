@@ -1,6 +1,5 @@
 #include "net/address_route.h"
 
-#include <arpa/inet.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
@@ -11,18 +10,9 @@
 namespace kiv::net {
 namespace {
 
-bool ParseAddressText(const std::string& text, in_addr& out) { return ::inet_pton(AF_INET, text.c_str(), &out) == 1; }
-
-void AddAddress(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, in_addr address) {
-  AddAttribute(message, length, type, &address, sizeof address);
-}
-
-void AddLabel(nlmsghdr& message, std::uint32_t& length, const std::string& label) {
-  AddAttribute(message, length, IFA_LABEL, label.data(), static_cast<std::uint32_t>(label.size()));
-}
-
-// Deliberate: the index stays 0, and only the label names the interface. Kernels of today look at the index alone and
-// answer ENODEV, so that nothing is assigned; docs/behaviour.md says what to do there.
+// Deliberate: the index stays 0, and only the label names the interface. Linux looks at the index alone and answers
+// ENODEV, so that nothing is assigned. What an operation sends is part of its contract and stays as it is;
+// docs/behaviour.md says how to assign an address.
 bool RequestAddress(unsigned char prefixLength, const AttributeFiller& filler) {
   ifaddrmsg payload{};
   payload.ifa_family = AF_INET;
@@ -38,9 +28,9 @@ bool IsLabelOf(const std::string& label, const std::string& iface) {
 
 bool RequestRoute(std::uint16_t type, std::uint16_t flags, const std::string& destination, unsigned char prefixLength,
                   const std::string& gateway, const std::string& iface) {
-  in_addr to{};
-  in_addr over{};
-  if (!ParseAddressText(destination, to) || !ParseAddressText(gateway, over)) {
+  std::uint32_t destinationAddress = 0;
+  std::uint32_t gatewayAddress = 0;
+  if (!IPtoN(destination, destinationAddress) || !IPtoN(gateway, gatewayAddress)) {
     return false;
   }
   const unsigned int index = ::if_nametoindex(iface.c_str());
@@ -55,16 +45,16 @@ bool RequestRoute(std::uint16_t type, std::uint16_t flags, const std::string& de
   payload.rtm_scope = RT_SCOPE_UNIVERSE;
   payload.rtm_type = RTN_UNICAST;
   return NetlinkRequest(type, flags, sizeof payload, &payload, [&](nlmsghdr& message, std::uint32_t& length) {
-    AddAddress(message, length, RTA_DST, to);
-    AddAddress(message, length, RTA_GATEWAY, over);
-    AddAttribute(message, length, RTA_OIF, &index, sizeof index);
+    AddNumber(message, length, RTA_DST, destinationAddress);
+    AddNumber(message, length, RTA_GATEWAY, gatewayAddress);
+    AddNumber(message, length, RTA_OIF, index);
   });
 }
 
 // Names of interfaces for the length of one dump: asking costs three system calls, and routes come by the ten thousand.
 class InterfaceNames {
  public:
-  /// Returns an empty text for an index that has no name.
+  /// Returns an empty text for an index that has no name, and asks again the next time.
   const std::string& Of(unsigned int index) {
     std::string& name = mNames[index];
     char text[IFNAMSIZ];
@@ -78,16 +68,38 @@ class InterfaceNames {
   std::unordered_map<unsigned int, std::string> mNames;
 };
 
+// The numbers that a route message carries as attributes; 0 for one that it lacks.
+struct RouteNumbers {
+  std::uint32_t destination = 0;
+  std::uint32_t gateway = 0;
+  std::uint32_t ifindex = 0;
+};
+
+RouteNumbers ReadRouteNumbers(utils::StringView attributes) {
+  RouteNumbers numbers;
+  // An attribute too short for its number is as good as absent.
+  for (NetlinkAttribute attribute; NextAttribute(attributes, attribute);) {
+    if (attribute.type == RTA_DST) {
+      (void)ReadAt(attribute.data, 0, numbers.destination);
+    } else if (attribute.type == RTA_GATEWAY) {
+      (void)ReadAt(attribute.data, 0, numbers.gateway);
+    } else if (attribute.type == RTA_OIF) {
+      (void)ReadAt(attribute.data, 0, numbers.ifindex);
+    }
+  }
+  return numbers;
+}
+
 }  // namespace
 
 bool AssignAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength) {
-  in_addr address{};
-  if (iface.size() >= IFNAMSIZ || !ParseAddressText(ip, address)) {
+  std::uint32_t address = 0;
+  if (iface.size() >= IFNAMSIZ || !IPtoN(ip, address)) {
     return false;
   }
   return RequestAddress(prefixLength, [&](nlmsghdr& message, std::uint32_t& length) {
-    AddLabel(message, length, iface);
-    AddAddress(message, length, IFA_LOCAL, address);
+    AddText(message, length, IFA_LABEL, iface);
+    AddNumber(message, length, IFA_LOCAL, address);
   });
 }
 
@@ -99,20 +111,21 @@ bool AssignAddressLabeled(const std::string& iface, const std::string& ip, unsig
   if (!label.empty() && !IsLabelOf(label, iface)) {
     return false;
   }
-  in_addr address{};
-  if (!ParseAddressText(ip, address)) {
+  std::uint32_t address = 0;
+  if (!IPtoN(ip, address)) {
     return false;
   }
-  // Deliberate: the other way round than in AssignAddress. The kernel takes both; each operation keeps its own bytes.
+  // Deliberate: the other way round than in AssignAddress. The order means nothing to the kernel, and what an operation
+  // sends is part of its contract and stays as it is.
   return RequestAddress(prefixLength, [&](nlmsghdr& message, std::uint32_t& length) {
-    AddAddress(message, length, IFA_LOCAL, address);
-    AddLabel(message, length, label.empty() ? iface : label);
+    AddNumber(message, length, IFA_LOCAL, address);
+    AddText(message, length, IFA_LABEL, label.empty() ? iface : label);
   });
 }
 
 bool DeleteAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength) {
-  in_addr address{};
-  if (!ParseAddressText(ip, address)) {
+  std::uint32_t address = 0;
+  if (!IPtoN(ip, address)) {
     return false;
   }
   ifaddrmsg payload{};
@@ -124,7 +137,7 @@ bool DeleteAddress(const std::string& iface, const std::string& ip, unsigned cha
   }
   return NetlinkRequest(
       RTM_DELADDR, kChangeFlags, sizeof payload, &payload,
-      [&](nlmsghdr& message, std::uint32_t& length) { AddAddress(message, length, IFA_LOCAL, address); });
+      [&](nlmsghdr& message, std::uint32_t& length) { AddNumber(message, length, IFA_LOCAL, address); });
 }
 
 bool AddRoute(const std::string& destination, unsigned char prefixLength, const std::string& gateway,
@@ -143,31 +156,18 @@ bool ParseRoute(const NetlinkMessage& message, RouteEntry& route, unsigned int& 
       header.rtm_family != AF_INET) {
     return false;
   }
-  std::uint32_t destination = 0;
-  std::uint32_t gateway = 0;
-  std::uint32_t index = 0;
-  utils::StringView rest = Behind(message.bytes, sizeof(nlmsghdr) + sizeof header);
-  // An attribute too short for its number is as good as absent.
-  for (NetlinkAttribute attribute; NextAttribute(rest, attribute);) {
-    if (attribute.type == RTA_DST) {
-      (void)ReadAt(attribute.data, 0, destination);
-    } else if (attribute.type == RTA_GATEWAY) {
-      (void)ReadAt(attribute.data, 0, gateway);
-    } else if (attribute.type == RTA_OIF) {
-      (void)ReadAt(attribute.data, 0, index);
-    }
-  }
-  route.destination = NtoIP(destination);
+  const RouteNumbers numbers = ReadRouteNumbers(Behind(message.bytes, sizeof(nlmsghdr) + sizeof header));
+  route.destination = NtoIP(numbers.destination);
   if (route.destination.empty()) {
     route.destination = "0.0.0.0";
   }
   route.prefixLength = header.rtm_dst_len;
-  route.gateway = gateway != 0 ? NtoIP(gateway) : "";
+  route.gateway = numbers.gateway != 0 ? NtoIP(numbers.gateway) : "";
   route.iface.clear();
   route.table = header.rtm_table;
   route.protocol = header.rtm_protocol;
   route.type = header.rtm_type;
-  ifindex = index;
+  ifindex = numbers.ifindex;
   return true;
 }
 
@@ -216,8 +216,8 @@ bool ParseAddress(const NetlinkMessage& message, InterfaceAddress& address, unsi
 
 std::vector<InterfaceAddress> GetInterfaceAddresses(const std::string& iface) {
   std::vector<InterfaceAddress> addresses;
-  // Deliberate: without SOCK_CLOEXEC, unlike every other netlink socket here. A program that another thread starts
-  // during this call inherits it; it subscribes to nothing, so that nothing piles up in it there.
+  // Deliberate: without SOCK_CLOEXEC, unlike every other netlink socket here; kept as part of the contract. A program
+  // that another thread starts during this call inherits it, to which nothing comes any more.
   const internal::UniqueFd fd(::socket(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE));
   if (!fd.IsValid()) {
     return addresses;

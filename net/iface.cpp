@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 
 #include "internal/unique_fd.h"
@@ -14,9 +13,9 @@
 namespace kiv::net {
 namespace {
 
-using AddressList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
+using InterfaceList = std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)>;
 
-AddressList ListAddresses() {
+InterfaceList ListAddresses() {
   ifaddrs* list = nullptr;
   return {::getifaddrs(&list) == 0 ? list : nullptr, &::freeifaddrs};
 }
@@ -71,8 +70,8 @@ int Iface::UpdateFlags() {
   (void)mName.copy(request.ifr_name, IFNAMSIZ - 1);
   internal::UniqueFd fd(::socket(AF_INET, SOCK_DGRAM, 0));
   // Deliberate: the descriptor asked has the number of the answer to "is there a socket?", 1 or 0, and is not that
-  // socket. The flags are read only where standard output is a socket, and are 0 everywhere else, never outdated.
-  // GetIfaces is the way to fresh flags.
+  // socket. So the flags are read only where standard output is a socket, and are 0 everywhere else; callers may count
+  // on that, and it stays. GetIfaces is the way to fresh flags.
   const int asked = fd.IsValid() ? 1 : 0;
   mFlags = ::ioctl(asked, SIOCGIFFLAGS, &request) == 0 ? request.ifr_flags : 0;
   return fd.IsValid() ? ::close(fd.Release()) : -1;
@@ -80,7 +79,7 @@ int Iface::UpdateFlags() {
 
 std::vector<Iface> GetIfaces(unsigned int requiredFlags, unsigned int excludedFlags) {
   std::vector<Iface> ifaces;
-  const AddressList list = ListAddresses();
+  const InterfaceList list = ListAddresses();
   for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
     if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET ||
         !HasFlags(entry->ifa_flags, requiredFlags, excludedFlags)) {
@@ -99,7 +98,8 @@ std::string GetMAC(const char* name) {
     return {};
   }
   char path[48];
-  (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/address", name);  // Cut, a longer path names nothing.
+  // Deliberate: a longer path is cut and opened all the same. No name of an interface is that long.
+  (void)std::snprintf(path, sizeof path, "/sys/class/net/%s/address", name);
   std::ifstream file(path);
   std::string line;
   (void)std::getline(file, line);  // Leaves the line empty when the file did not open.

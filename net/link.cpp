@@ -14,14 +14,14 @@ namespace kiv::net {
 namespace {
 
 constexpr std::size_t kNameSize = IFNAMSIZ;
-// The request without the kind is shorter than this.
-constexpr std::size_t kMaxKind = sizeof(RequestBuffer) - 64;
+// What a request with the longest name leaves: it takes 60 bytes without the kind, and the kind is rounded up to 4.
+constexpr std::size_t kMaxKind = sizeof(RequestBuffer) - 60;
 constexpr std::size_t kMacSize = 6;
 
 // Which flags of an interface a request sets, and to what.
 struct FlagChange {
   unsigned int flags;
-  unsigned int change;
+  unsigned int mask;
 };
 
 constexpr FlagChange kNoFlags{0, 0};
@@ -31,14 +31,6 @@ constexpr FlagChange kNoFlags{0, 0};
 constexpr FlagChange kClearFlags{0, 0xFFFFFFFF};
 
 FlagChange Switch(unsigned int flag, bool on) { return {on ? flag : 0, flag}; }
-
-void AddText(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, const std::string& text) {
-  AddAttribute(message, length, type, text.data(), static_cast<std::uint32_t>(text.size()));
-}
-
-void AddNumber(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, std::uint32_t number) {
-  AddAttribute(message, length, type, &number, sizeof number);
-}
 
 void AddNothing(nlmsghdr& /*message*/, std::uint32_t& /*length*/) {}
 
@@ -50,7 +42,7 @@ bool RequestLink(std::uint16_t type, std::uint16_t flags, FlagChange change, con
   }
   ifinfomsg payload{};
   payload.ifi_flags = change.flags;
-  payload.ifi_change = change.change;
+  payload.ifi_change = change.mask;
   return NetlinkRequest(type, flags, sizeof payload, &payload, [&](nlmsghdr& message, std::uint32_t& length) {
     AddText(message, length, IFLA_IFNAME, name);
     filler(message, length);
@@ -67,8 +59,7 @@ bool ChangeNumber(const std::string& name, std::uint16_t type, std::uint32_t num
   });
 }
 
-// Deliberate: strtoul as it stands, so " a" and "+a" are accepted for 0a. Texts printed with blanks in place of leading
-// zeros come through.
+// Deliberate: strtoul as it stands, so " a" and "+a" are accepted for 0a. Texts that were accepted once stay accepted.
 bool ParseMacGroup(const char* digits, unsigned char& out) {
   const char group[3] = {digits[0], digits[1], '\0'};
   char* end = nullptr;
@@ -112,7 +103,7 @@ bool DeleteInterface(const std::string& name) {
 
 bool AddVlan(const std::string& parent, unsigned short vlanId, const std::string& name) {
   if (name.size() >= kNameSize) {
-    return false;
+    return false;  // Before anything is looked up.
   }
   const unsigned int index = ::if_nametoindex(parent.c_str());
   if (index == 0) {
@@ -148,7 +139,7 @@ bool SetMAC(const std::string& name, const std::string& mac) {
 
 bool SetMaster(const std::string& name, const std::string& master) {
   if (name.size() >= kNameSize) {
-    return false;
+    return false;  // Before anything is looked up.
   }
   const unsigned int index = ::if_nametoindex(master.c_str());
   return index != 0 && ChangeNumber(name, IFLA_MASTER, index);

@@ -2,6 +2,8 @@
 
 #include <sys/socket.h>
 
+#include "net/netlink_request.h"
+
 namespace kiv::net {
 
 void BuildDumpRequest(char* out, std::uint16_t type, unsigned char family) {
@@ -9,7 +11,7 @@ void BuildDumpRequest(char* out, std::uint16_t type, unsigned char family) {
   header.nlmsg_len = kDumpRequestSize;
   header.nlmsg_type = type;
   header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
-  header.nlmsg_seq = 1;
+  header.nlmsg_seq = kSequence;
   std::memcpy(out, &header, sizeof header);
   std::memcpy(out + sizeof header, &family, sizeof family);
 }

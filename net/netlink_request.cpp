@@ -12,15 +12,15 @@ namespace kiv::net {
 namespace {
 
 constexpr std::uint32_t kAttributeHeader = sizeof(rtattr);
-// Every socket carries one request only, so that there is nothing to tell apart.
-constexpr std::uint32_t kSequence = 1;
+
+char* BytesAt(nlmsghdr& message, std::uint32_t offset) { return reinterpret_cast<char*>(&message) + offset; }
 
 // Attributes and nests lie wherever the bytes before them end: no store assumes alignment.
 void StoreAttributeHeader(nlmsghdr& message, std::uint32_t start, std::uint16_t type, std::uint16_t size) {
   rtattr header{};
   header.rta_len = size;
   header.rta_type = type;
-  std::memcpy(reinterpret_cast<char*>(&message) + start, &header, sizeof header);
+  std::memcpy(BytesAt(message, start), &header, sizeof header);
 }
 
 internal::UniqueFd OpenBound() {
@@ -48,9 +48,17 @@ void AddAttribute(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, 
   const auto size = static_cast<std::uint16_t>(kAttributeHeader + dataSize);
   StoreAttributeHeader(message, start, type, size);
   if (dataSize != 0) {
-    std::memcpy(reinterpret_cast<char*>(&message) + start + kAttributeHeader, data, dataSize);
+    std::memcpy(BytesAt(message, start + kAttributeHeader), data, dataSize);
   }
   length = start + RTA_ALIGN(std::uint32_t{size});
+}
+
+void AddText(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, const std::string& text) {
+  AddAttribute(message, length, type, text.data(), static_cast<std::uint32_t>(text.size()));
+}
+
+void AddNumber(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, std::uint32_t number) {
+  AddAttribute(message, length, type, &number, sizeof number);
 }
 
 std::uint32_t BeginNest(nlmsghdr& message, std::uint32_t& length, std::uint16_t type) {
@@ -61,19 +69,19 @@ std::uint32_t BeginNest(nlmsghdr& message, std::uint32_t& length, std::uint16_t 
 
 void EndNest(nlmsghdr& message, std::uint32_t length, std::uint32_t start) {
   const auto size = static_cast<std::uint16_t>(length - start);
-  std::memcpy(reinterpret_cast<char*>(&message) + start + offsetof(rtattr, rta_len), &size, sizeof size);
+  std::memcpy(BytesAt(message, start + offsetof(rtattr, rta_len)), &size, sizeof size);
 }
 
 std::uint32_t BuildNetlinkRequest(RequestBuffer& buffer, std::uint16_t type, std::uint16_t flags,
                                   std::uint32_t payloadSize, const void* payload, const AttributeFiller& filler) {
   std::uint32_t length = static_cast<std::uint32_t>(sizeof(nlmsghdr)) + payloadSize;
-  auto& message = *reinterpret_cast<nlmsghdr*>(buffer.bytes);
+  nlmsghdr& message = buffer.header;
   message.nlmsg_len = length;
   message.nlmsg_type = type;
   message.nlmsg_flags = flags;
   message.nlmsg_seq = kSequence;
   message.nlmsg_pid = 0;
-  std::memcpy(buffer.bytes + sizeof(nlmsghdr), payload, payloadSize);
+  std::memcpy(buffer.rest, payload, payloadSize);
   filler(message, length);
   message.nlmsg_len = length;
   return length;
@@ -87,7 +95,7 @@ bool NetlinkRequest(std::uint16_t type, std::uint16_t flags, std::uint32_t paylo
   }
   RequestBuffer request;
   const std::uint32_t length = BuildNetlinkRequest(request, type, flags, payloadSize, payload, filler);
-  if (::send(fd.Get(), request.bytes, length, 0) < 0) {
+  if (::send(fd.Get(), &request, length, 0) < 0) {
     return false;
   }
   return ReceiveAcknowledgement(fd.Get());

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <string>
 
 /// rtnetlink requests that change something: built on memory, sent, and acknowledged. Formats: rtnetlink(7) and the
 /// kernel's linux/rtnetlink.h; all numbers in host byte order.
@@ -17,7 +18,8 @@ constexpr std::uint16_t kCreateFlags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_EXCL | 
 
 /// Room for one request. Its bytes are zero until something is written there, so that gaps for alignment are, too.
 struct RequestBuffer {
-  alignas(nlmsghdr) char bytes[4096] = {};
+  nlmsghdr header{};
+  char rest[4096 - sizeof(nlmsghdr)] = {};
 };
 
 /// Appends the attributes of one operation to `message`, which lies in a RequestBuffer, and advances `length`, the
@@ -31,11 +33,20 @@ using AttributeFiller = std::function<void(nlmsghdr& message, std::uint32_t& len
 void AddAttribute(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, const void* data,
                   std::uint32_t dataSize);
 
+/// Appends the bytes of `text`, without a terminator.
+void AddText(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, const std::string& text);
+
+/// Appends four bytes, in the order that `number` has in memory.
+void AddNumber(nlmsghdr& message, std::uint32_t& length, std::uint16_t type, std::uint32_t number);
+
 /// Opens an attribute that holds others, which are appended next. Returns where it starts, for EndNest.
 std::uint32_t BeginNest(nlmsghdr& message, std::uint32_t& length, std::uint16_t type);
 
 /// Closes the attribute that BeginNest opened at `start`: it reaches up to `length`.
 void EndNest(nlmsghdr& message, std::uint32_t length, std::uint32_t start);
+
+/// Every socket carries one request only, so that there is nothing to tell apart.
+constexpr std::uint32_t kSequence = 1;
 
 /// Writes a whole message: header, `payloadSize` bytes of `payload`, and what `filler` appends. Returns its length, the
 /// one in its header.

@@ -404,7 +404,7 @@ KIV_EXPORT bool DrainAndShutdown(int fd, unsigned int seconds);
 /// Appends to `out` everything that can be read from `fd` now, without blocking, whatever mode `fd` is in.
 ///
 /// EINTR is retried. Returns the number of bytes appended, 0 included, whatever stopped it: an empty queue, the end of
-/// the stream, or an error; to tell the end of the stream, read once more. Datagrams come back to back, without
+/// the stream, or an error; to tell which, call recv(2). Datagrams come back to back, without
 /// boundaries, each cut to 2048 bytes. A peer that sends faster than this reads keeps it going.
 KIV_EXPORT unsigned int RecvEager(int fd, std::vector<char>& out);
 
@@ -430,28 +430,29 @@ KIV_EXPORT int SendTo(int fd, const void* buf, unsigned int len, const sockaddr_
 
 // ------------------------------------------------------------------------------------------ network configuration
 //
-// Everything here acts on the network namespace of the calling thread, keeps no state, and may be called from any
-// thread. Changes need CAP_NET_ADMIN. Each change is one request over a socket of its own, see rtnetlink(7): it blocks
-// until the kernel has answered, and a signal (EINTR) makes it fail although the kernel may have carried it out. It
-// returns true when the kernel acknowledged it. False means an argument refused here, without a request, or a request
-// that failed; the kernel's own reason is not told. Interface names have 15 bytes at most, longer ones are refused.
+// Everything here keeps no state and may be called from any thread. It acts on the network namespace of that thread,
+// except for what is read from /sys and /proc/net, as noted there. Changes need CAP_NET_ADMIN. Each change is one
+// request over a socket of its own, see rtnetlink(7): it blocks until the kernel has answered, and a signal (EINTR)
+// makes it fail although the kernel may have carried it out. It returns true when the kernel acknowledged it. False
+// means an argument refused here, without a request, or a request that failed; the kernel's own reason is not told.
+// Interface names have 15 bytes at most, longer ones are refused.
 
-/// Creates an interface of a link `kind`, such as "bridge" or "dummy"; the kernel decides which kinds there are.
-/// Returns false, too, when `name` exists.
+/// Creates an interface of a link `kind`, such as "bridge" or "dummy"; the kernel decides which kinds there are, and
+/// names the other end of a "veth". It starts down, without IFF_MULTICAST. Returns false, too, when `name` exists.
 KIV_EXPORT bool CreateInterface(const std::string& name, const std::string& kind);
 
 /// Deletes a virtual interface.
 KIV_EXPORT bool DeleteInterface(const std::string& name);
 
-/// Creates the VLAN interface `name` with tag `vlanId` on `parent`; the kernel decides which ids it takes.
-/// Returns false, too, when `parent` is unknown or `name` exists.
+/// Creates the VLAN interface `name` with tag `vlanId` on `parent`; the kernel decides which ids it takes. It starts
+/// down, without IFF_MULTICAST. Returns false, too, when `parent` is unknown or `name` exists.
 KIV_EXPORT bool AddVlan(const std::string& parent, unsigned short vlanId, const std::string& name);
 
-/// Brings an interface up or down (IFF_UP).
+/// Brings an interface up or down (IFF_UP). Going down loses the routes over it and its IPv6 addresses.
 KIV_EXPORT bool SetInterfaceUp(const std::string& name, bool up);
 
 /// Sets the MTU in bytes. The request also switches IFF_UP, IFF_MULTICAST, IFF_PROMISC and every other changeable flag
-/// off: set the MTU first, then bring the interface up.
+/// off, with the losses of going down: set the MTU first, then bring the interface up and add routes.
 KIV_EXPORT bool SetMTU(const std::string& name, unsigned short mtu);
 
 /// Sets the hardware address, "aa:bb:cc:dd:ee:ff" in either case. The request also switches every changeable flag off,
@@ -465,10 +466,12 @@ KIV_EXPORT bool SetMaster(const std::string& name, const std::string& master);
 /// Takes `name` out of its bridge or bond.
 KIV_EXPORT bool UnsetMaster(const std::string& name);
 
-/// Moves `name` into the network namespace of process `pid`. Returns false, too, when "/proc/PID/ns/net" does not open.
+/// Moves `name` into the network namespace of process `pid`, where it arrives down and without addresses. Returns
+/// false, too, when "/proc/PID/ns/net" does not open.
 KIV_EXPORT bool MoveInterfaceToNetns(const std::string& name, int pid);
 
-/// Moves `name` into the network namespace that `fd` refers to. `fd` stays the caller's.
+/// Moves `name` into the network namespace that `fd` refers to, such as an open "/run/netns/NAME". `fd` stays the
+/// caller's. Otherwise as above.
 KIV_EXPORT bool MoveInterfaceToNetnsFd(const std::string& name, int fd);
 
 /// Switches IFF_MULTICAST.
@@ -486,8 +489,9 @@ KIV_EXPORT unsigned int GetInterfaceIndex(const std::string& name);
 
 /// Adds an IPv4 address (dotted text) with its prefix length in bits.
 ///
-/// The kernel is told the interface through the label alone, with index 0; kernels of today refuse that (ENODEV).
-/// Returns false, too, when `ip` is malformed or the address exists.
+/// The kernel is told the interface through the label alone, with index 0. Linux looks at the index alone and refuses
+/// (ENODEV): docs/behaviour.md has a function that assigns addresses. Returns false, too, when `ip` is malformed or the
+/// address exists.
 KIV_EXPORT bool AssignAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength);
 
 /// Adds an IPv4 address with a label: `iface`, a colon, and more, 15 bytes at most in all, such as "eth0:1". An empty
@@ -496,16 +500,19 @@ KIV_EXPORT bool AssignAddress(const std::string& iface, const std::string& ip, u
 KIV_EXPORT bool AssignAddressLabeled(const std::string& iface, const std::string& ip, unsigned char prefixLength,
                                      const std::string& label);
 
-/// Removes an IPv4 address. Returns false, too, when `ip` is malformed, or `iface` or the address is unknown.
+/// Removes an IPv4 address. The kernel does not compare the prefix length, and may remove secondary addresses with
+/// their primary one. Returns false, too, when `ip` is malformed, or `iface` or the address is unknown.
 KIV_EXPORT bool DeleteAddress(const std::string& iface, const std::string& ip, unsigned char prefixLength);
 
 /// Adds a route to the main table: `destination` (dotted text) with its prefix length in bits, over `gateway` on
 /// `iface`. "0.0.0.0" with 0 is the default route; a gateway of "0.0.0.0" makes a route without one (on-link).
-/// Returns false, too, when an address is malformed, `iface` is unknown, or the route exists.
+/// The kernel wants the interface up, the gateway within reach, and no bits of `destination` behind the prefix. Returns
+/// false, too, when an address is malformed, `iface` is unknown, or a route to the same destination exists.
 KIV_EXPORT bool AddRoute(const std::string& destination, unsigned char prefixLength, const std::string& gateway,
                          const std::string& iface);
 
-/// Removes a route that AddRoute with the same arguments adds. Returns false, too, when there is none.
+/// Removes a route that AddRoute with the same arguments adds; a gateway of "0.0.0.0" here means any. Returns false,
+/// too, when there is none.
 KIV_EXPORT bool DeleteRoute(const std::string& destination, unsigned char prefixLength, const std::string& gateway,
                             const std::string& iface);
 
@@ -513,14 +520,15 @@ KIV_EXPORT bool DeleteRoute(const std::string& destination, unsigned char prefix
 struct RouteEntry {
   std::string destination;         ///< Dotted text; "0.0.0.0" for a default route.
   unsigned char prefixLength = 0;  ///< In bits.
-  std::string gateway;             ///< Dotted text; empty when there is none.
+  std::string gateway;             ///< Dotted text; empty when there is none, several, or one that is not IPv4.
   std::string iface;               ///< Name of the output interface; empty when there is none, or several.
   std::uint32_t table = 0;         ///< RT_TABLE_MAIN (254), ...; tables above 255 show as RT_TABLE_COMPAT (252).
   unsigned char protocol = 0;      ///< RTPROT_KERNEL (2), RTPROT_STATIC (4), ...
   unsigned char type = 0;          ///< RTN_UNICAST (1), RTN_LOCAL (2), RTN_BROADCAST (3), ...
 };
 
-/// Returns the IPv4 routes of all tables, in the kernel's order.
+/// Returns the IPv4 routes of all tables, in the kernel's order. GetRoutingTable has the metrics, of the main table
+/// only.
 ///
 /// `family` is what the kernel is asked for, AF_INET; only IPv4 routes are returned whatever it is. Returns nothing
 /// when the kernel cannot be asked, and what came so far when the dump breaks off or a signal interrupts it: the two
@@ -529,7 +537,7 @@ KIV_EXPORT std::vector<RouteEntry> GetRoutes(unsigned char family);
 
 /// One IPv4 address of an interface; see struct ifaddrmsg in rtnetlink(7).
 struct InterfaceAddress {
-  std::string address;             ///< Dotted text.
+  std::string address;             ///< Dotted text; of the peer on a point-to-point link.
   unsigned char prefixLength = 0;  ///< In bits.
   bool secondary = false;          ///< Whether another address of the same network came first (IFA_F_SECONDARY).
 };
@@ -585,17 +593,19 @@ class KIV_EXPORT Iface {
 };
 
 /// Returns a record for every IPv4 address of the machine, in the order of getifaddrs(3): several for an interface with
-/// several addresses, none for one without.
+/// several addresses, none for one without; if_nameindex(3) has them all.
 ///
 /// Only interfaces with all of `requiredFlags` and none of `excludedFlags` (net/if.h; 0 asks for nothing) are taken:
-/// GetIfaces(IFF_UP, IFF_LOOPBACK). Returns nothing when getifaddrs(3) fails. Any thread.
+/// GetIfaces(IFF_UP, IFF_LOOPBACK). Hardware addresses are those of GetMAC. Returns nothing when getifaddrs(3) fails.
 KIV_EXPORT std::vector<Iface> GetIfaces(unsigned int requiredFlags, unsigned int excludedFlags);
 
 /// Returns the hardware address of an interface, the first line of "/sys/class/net/NAME/address" as it stands; nothing
-/// for a null pointer or an unknown name. /sys shows the namespace that it was mounted in. Any thread.
+/// for a null pointer or an unknown name. The name is not checked, and a path of more than 47 bytes is cut. /sys shows
+/// the namespace that it was mounted in.
 KIV_EXPORT std::string GetMAC(const char* name);
 
-/// What the kernel knows of a neighbour: the "Flags" column of /proc/net/arp when it has exactly one bit.
+/// The "Flags" column of /proc/net/arp when it has exactly one bit. Apart from the second, these are names for bits,
+/// not states that Linux reports there; see docs/behaviour.md.
 enum class ArpState : unsigned char {
   Incomplete = 0,  ///< 0x01
   Reachable = 1,   ///< 0x02, what Linux shows for every neighbour with a known address.
@@ -616,12 +626,14 @@ struct ArpEntry {
   ArpState state = ArpState::Unknown;  ///< See ArpState: the kernel prints flags here, not states.
 };
 
-/// Returns the neighbours in the order of /proc/net/arp, without lines that are not one. Returns nothing when the file
-/// cannot be read. Any thread.
+/// Returns the neighbours in the order of /proc/net/arp, without lines that are not one and without hardware addresses
+/// that have not six bytes. /proc/net shows the namespace of the main thread. Returns nothing when the file cannot be
+/// read.
 KIV_EXPORT std::vector<ArpEntry> GetArpTable();
 
-/// One IPv4 route, a line of /proc/net/route; see proc(5). Its addresses are the numbers that the kernel printed: on a
-/// little-endian machine they are addresses in network byte order, and NtoIP makes text of them.
+/// One IPv4 route, a line of /proc/net/route (fib_route_seq_show in the kernel's net/ipv4/fib_trie.c). Its addresses
+/// are the numbers that the kernel printed: on a little-endian machine they are addresses in network byte order, and
+/// NtoIP makes text of them.
 struct RoutingTableEntry {
   std::string iface;              ///< Name of the interface, "*" for a route that rejects.
   std::uint32_t destination = 0;  ///< 0 for the default route.
@@ -631,8 +643,8 @@ struct RoutingTableEntry {
   std::uint32_t flags = 0;        ///< RTF_UP, RTF_GATEWAY, RTF_HOST, ... of net/route.h.
 };
 
-/// Returns the routes of the main table in the order of /proc/net/route; a malformed column reads as 0. Returns nothing
-/// when the file cannot be read. Any thread.
+/// Returns the routes of the main table in the order of /proc/net/route; a malformed column reads as 0. /proc/net shows
+/// the namespace of the main thread. Returns nothing when the file cannot be read.
 KIV_EXPORT std::vector<RoutingTableEntry> GetRoutingTable();
 
 // --------------------------------------------------------------------------------------------------- HTTP client

@@ -337,8 +337,18 @@ TEST(CreateInterface, SendsALongKindWhole) {
   EXPECT_EQ(Hex(log.Of("send").at(0).data), Hex(before + std::string(300, 'k')));
 }
 
+TEST(CreateInterface, SendsTheLongestKindWithTheLongestName) {
+  const CallLog log;
+  const Fault send = ReturnFrom("send", 4096);
+  const Fault reply = GiveFrom("recv", kAcknowledged);
+
+  EXPECT_TRUE(CreateInterface("abcdefghijklmno", std::string(4036, 'k')));
+
+  EXPECT_EQ(log.Of("send").at(0).data.size(), 4096U) << "all that there is room for";
+}
+
 TEST(CreateInterface, RefusesAKindThatTheRequestHasNoRoomFor) {
-  for (const std::size_t size : {4096U, 5000U, 65531U, 65536U, 70000U}) {
+  for (const std::size_t size : {4037U, 4096U, 5000U, 65531U, 65536U, 70000U}) {
     const CallLog log;
 
     EXPECT_FALSE(CreateInterface("abcdefghijklmno", std::string(size, 'k'))) << size;
@@ -493,6 +503,13 @@ TEST(NetlinkRequest, SendsNoMoreThanTheFillerLeaves) {
 
   EXPECT_EQ(Hex(log.Of("send").at(0).data),
             Hex(Bytes(std::string("15 00 00 00 01 00 02 00") + kSequenceAndPort + "'abcde'")));
+}
+
+TEST(NetlinkRequest, OnlyMinusOneIsAFailedSend) {
+  const Fault send = ReturnFrom("send", 0);
+  const Fault reply = GiveFrom("recv", kAcknowledged);
+
+  EXPECT_TRUE(DeleteInterface(kName));
 }
 
 TEST(NetlinkRequest, EmptyFillerThrowsAndLeavesNoSocket) {
@@ -686,14 +703,14 @@ TEST(NetlinkRequest, AsksForTheIndexOfTheOtherInterface) {
   EXPECT_EQ(errno, ENODEV);
   EXPECT_FALSE(WithoutIndex([] { return SetMaster("eth0", "master"); })());
   EXPECT_FALSE(WithoutIndex([] { return DeleteAddress("abcdefghijklmnop", "10.0.0.1", 24); })());
-  EXPECT_FALSE(WithoutIndex([] { return AddRoute("10.0.0.0", 8, "0.0.0.0", "out"); })());
+  EXPECT_FALSE(WithoutIndex([] { return AddRoute("10.0.0.0", 8, "0.0.0.0", "sixteen-bytes-na"); })());
   EXPECT_FALSE(WithoutIndex([] { return DeleteRoute("10.0.0.0", 8, "0.0.0.0", ""); })());
 
   Names asked;
   for (const test::CallRecord& call : log.Of("if_nametoindex")) {
     asked.push_back(call.data);
   }
-  EXPECT_EQ(asked, (Names{"parent", "master", "abcdefghijklmnop", "out", ""}));
+  EXPECT_EQ(asked, (Names{"parent", "master", "abcdefghijklmnop", "sixteen-bytes-na", ""}));
 }
 
 TEST(GetInterfaceIndex, PassesNameAndResultThrough) {
@@ -750,7 +767,7 @@ TEST(MoveInterfaceToNetns, OpensTheNamespaceFileOfTheProcessForReading) {
     EXPECT_EQ(errno, ENOENT);
     ASSERT_EQ(log.Names(), Names{"open"}) << "no socket";
     EXPECT_EQ(log.Of("open")[0].data, path);
-    EXPECT_EQ(log.Of("open")[0].args[0] & ~O_CLOEXEC, O_RDONLY);
+    EXPECT_EQ(log.Of("open")[0].args[0], O_RDONLY | O_CLOEXEC);
   }
 }
 

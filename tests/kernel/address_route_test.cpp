@@ -186,6 +186,14 @@ TEST_F(DeleteAddressKernel, RemovesTheOneNamed) {
   EXPECT_FALSE(DeleteAddress("eth0", "10.0.1.1", 30));
 }
 
+TEST_F(DeleteAddressKernel, OfAPrimaryTakesItsSecondariesAlong) {
+  (void)Shell("ip addr add 192.168.1.3/24 dev eth0");
+  (void)Shell("cd /proc/sys/net/ipv4/conf; echo 0 >all/promote_secondaries; echo 0 >eth0/promote_secondaries");
+
+  EXPECT_TRUE(DeleteAddress("eth0", "192.168.1.2", 24));
+  EXPECT_TRUE(AddressesOfIp("eth0").empty());
+}
+
 TEST_F(DeleteAddressKernel, RemovesASecondaryAndALabeledAddress) {
   (void)Shell("ip addr add 192.168.1.3/24 dev eth0 && ip addr add 192.168.1.4/24 dev eth0 label eth0:1");
 
@@ -294,6 +302,27 @@ TEST_F(DeleteRouteKernel, LeavesARouteThatDiffers) {
   EXPECT_FALSE(DeleteRoute("10.1.0.0", 16, "", "eth0"));
   EXPECT_FALSE(DeleteRoute("10.1.0.0", 16, "192.168.1.1", "nosuch"));
   EXPECT_EQ(RoutesOfIp(), before);
+}
+
+TEST_F(DeleteRouteKernel, WithoutAGatewayTakesAnyOfItsPrefixWhateverGatewayAndMetric) {
+  (void)Shell("ip route add 10.1.0.0/16 via 192.168.1.1 dev eth0 proto static metric 5");
+  ASSERT_TRUE(AddRoute("10.1.0.0", 16, "0.0.0.0", "eth0"));
+
+  EXPECT_TRUE(DeleteRoute("10.1.0.0", 16, "0.0.0.0", "eth0"));
+  EXPECT_EQ(test::Ip("-4 route show 10.1.0.0/16").size(), 1U);
+  EXPECT_TRUE(DeleteRoute("10.1.0.0", 16, "0.0.0.0", "eth0"));
+  EXPECT_FALSE(DeleteRoute("10.1.0.0", 16, "0.0.0.0", "eth0"));
+}
+
+TEST_F(DeleteRouteKernel, IsNotNeededAfterSetMtuWhichLosesTheRoutes) {
+  ASSERT_TRUE(AddRoute("10.1.0.0", 16, "192.168.1.1", "eth0"));
+
+  ASSERT_TRUE(SetMTU("eth0", 1400));
+  ASSERT_TRUE(SetInterfaceUp("eth0", true));
+
+  EXPECT_FALSE(DeleteRoute("10.1.0.0", 16, "192.168.1.1", "eth0"));
+  EXPECT_EQ(AddressesOfIp("eth0"), Lines{"192.168.1.2/24"});
+  EXPECT_EQ(test::Ip("-4 route show 192.168.1.0/24").size(), 1U) << "the kernel's own is back";
 }
 
 TEST_F(GetRoutesKernel, AreThoseOfIpInItsOrder) {

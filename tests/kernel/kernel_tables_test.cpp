@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <kiv/net.h>
 #include <net/route.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "internal/unique_fd.h"
@@ -528,6 +530,29 @@ TEST_F(GetRoutingTableLive, NamespaceWithoutRoutesHasNone) {
   IpBatch("addr del 10.1.0.1/24 dev br0\n");
 
   EXPECT_EQ(RouteRows(), Rows());
+}
+
+class TablesOfThreads : public test::KernelTest {};
+
+TEST_F(TablesOfThreads, AreThoseOfTheMainThreadsNetwork) {
+  IpBatch(
+      "link add eth0 type veth peer name eth1\n"
+      "link set eth0 up\n"
+      "route add 10.1.0.0/16 dev eth0\n");
+  bool moved = false;
+  Rows rows;
+  std::vector<RouteEntry> routes;
+
+  std::thread([&] {
+    moved = ::unshare(CLONE_NEWNET) == 0;
+    rows = RouteRows();
+    routes = GetRoutes(AF_INET);
+  }).join();
+
+  ASSERT_TRUE(moved);
+  EXPECT_EQ(rows, RouteRows());
+  EXPECT_EQ(rows.size(), 1U);
+  EXPECT_TRUE(routes.empty()) << "netlink follows the thread";
 }
 
 }  // namespace

@@ -31,6 +31,14 @@ TEST_F(AddressByIoctl, TakesALabelForAName) {
   EXPECT_EQ(test::Ip("-4 addr show dev br0").at(0).at("addr_info").at(0).at("label"), "br0:1");
 }
 
+TEST_F(AddressByIoctl, RefusesALongNameInsteadOfCuttingIt) {
+  test::Shell("ip link add fifteen-bytes-n type bridge");
+
+  EXPECT_FALSE(::SetAddressByIoctl("fifteen-bytes-nX", ::inet_addr("192.0.2.1"), ::inet_addr("255.255.255.0")));
+
+  EXPECT_TRUE(GetInterfaceAddresses("fifteen-bytes-n").empty());
+}
+
 TEST_F(AddressByIoctl, ReportsAnUnknownInterface) {
   EXPECT_FALSE(::SetAddressByIoctl("nosuch", ::inet_addr("192.0.2.1"), ::inet_addr("255.255.255.0")));
 }

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -467,6 +468,27 @@ TEST(GetMAC, WithoutDescriptorsThereIsNone) {
   const test::NoNewDescriptors limit;
 
   EXPECT_EQ(GetMAC(file.Name().c_str()), "");
+}
+
+TEST(GetMAC, ThreadsKeepTheirNamesApart) {
+  if (!HasLoopback()) {
+    GTEST_SKIP() << "no interface lo";
+  }
+  bool found = false;
+  const auto askForNone = [&found] {
+    for (int round = 0; round < 3000; ++round) {
+      found = found || !GetMAC("nosuch").empty();
+    }
+  };
+  bool missed = false;
+
+  std::thread other(askForNone);
+  for (int round = 0; round < 3000; ++round) {
+    missed = missed || GetMAC("lo").empty();
+  }
+  other.join();
+
+  EXPECT_FALSE(found || missed);
 }
 
 TEST(GetMAC, LeavesNoDescriptor) {

@@ -34,6 +34,10 @@ std::string U16(unsigned value) { return Octets(static_cast<std::uint16_t>(value
 
 std::string U32(std::uint32_t value) { return Octets(value); }
 
+std::string BytesOf(const RequestBuffer& buffer, std::size_t begin, std::size_t count) {
+  return {reinterpret_cast<const char*>(&buffer) + begin, count};
+}
+
 // A message that grows behind its header, in memory whose untouched bytes are told by `fill`.
 class Draft {
  public:
@@ -231,10 +235,10 @@ TEST(BuildNetlinkRequest, WritesHeaderPayloadAndAttributes) {
                                                    });
 
   EXPECT_EQ(length, 48U);
-  EXPECT_EQ(std::string(buffer.bytes, length), U32(48) + U16(16) + U16(5) + U32(1) + U32(0) +  //
-                                                   Nuls(12) + U32(0xFFFFFFFF) +                //
-                                                   U16(7) + U16(3) + "wan" + kNul + U16(8) + U16(4) + U32(1400));
-  EXPECT_EQ(std::string(buffer.bytes + length, sizeof buffer - length), Nuls(sizeof buffer - length));
+  EXPECT_EQ(BytesOf(buffer, 0, length), U32(48) + U16(16) + U16(5) + U32(1) + U32(0) +  //
+                                            Nuls(12) + U32(0xFFFFFFFF) +                //
+                                            U16(7) + U16(3) + "wan" + kNul + U16(8) + U16(4) + U32(1400));
+  EXPECT_EQ(BytesOf(buffer, length, sizeof buffer - length), Nuls(sizeof buffer - length));
 }
 
 TEST(BuildNetlinkRequest, TakesEveryPayloadVerbatim) {
@@ -253,7 +257,7 @@ TEST(BuildNetlinkRequest, TakesEveryPayloadVerbatim) {
     EXPECT_EQ(length, 16 + size);
     EXPECT_EQ(lengthGiven, 16 + size);
     EXPECT_EQ(lengthInHeader, 16 + size);
-    EXPECT_EQ(std::string(buffer.bytes, 40),
+    EXPECT_EQ(BytesOf(buffer, 0, 40),
               U32(16 + size) + U16(0xFEDC) + U16(0xBA98) + U32(1) + U32(0) + bytes.substr(0, size) + Nuls(24 - size));
   }
 }
@@ -269,7 +273,7 @@ TEST(BuildNetlinkRequest, HeaderTellsTheLengthThatTheFillerLeft) {
                                                    });
 
   EXPECT_EQ(length, 27U);
-  EXPECT_EQ(std::string(buffer.bytes, 28), U32(27) + U16(20) + U16(0x0605) + U32(1) + U32(0) + payload + "raw" + kNul);
+  EXPECT_EQ(BytesOf(buffer, 0, 28), U32(27) + U16(20) + U16(0x0605) + U32(1) + U32(0) + payload + "raw" + kNul);
 }
 
 TEST(BuildNetlinkRequest, OverwritesWhatTheFillerDidToTheLengthField) {
@@ -279,7 +283,7 @@ TEST(BuildNetlinkRequest, OverwritesWhatTheFillerDidToTheLengthField) {
   (void)BuildNetlinkRequest(buffer, RTM_NEWADDR, kChangeFlags, 8, payload.data(),
                             [](nlmsghdr& message, std::uint32_t&) { message.nlmsg_len = 99; });
 
-  EXPECT_EQ(std::string(buffer.bytes, 4), U32(24));
+  EXPECT_EQ(BytesOf(buffer, 0, 4), U32(24));
 }
 
 TEST(BuildNetlinkRequest, EmptyFillerThrows) {

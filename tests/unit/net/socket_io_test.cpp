@@ -214,6 +214,28 @@ TEST(RecvEager, EmptiesAFullSocket) {
   EXPECT_TRUE(Text(out) == sent);
 }
 
+TEST(RecvEager, ThreadsKeepTheirBytesApart) {
+  const auto readOwnBytes = [](char own, bool& intact) {
+    const auto [reader, writer] = test::SocketPair();
+    const std::string sent(2048, own);
+    intact = true;
+    for (int round = 0; round < 2000; ++round) {
+      (void)::send(writer.Get(), sent.data(), sent.size(), 0);
+      std::vector<char> received;
+      (void)RecvEager(reader.Get(), received);
+      intact = intact && std::string(received.begin(), received.end()) == sent;
+    }
+  };
+  bool intactHere = false;
+  bool intactThere = false;
+
+  std::thread other(readOwnBytes, 'b', std::ref(intactThere));
+  readOwnBytes('a', intactHere);
+  other.join();
+
+  EXPECT_TRUE(intactHere && intactThere);
+}
+
 TEST(RecvEager, DatagramsStandBackToBack) {
   const auto [near, far] = DatagramPair();
   for (const char* text : {"one", "two", "three"}) {
