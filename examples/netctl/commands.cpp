@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <kiv/net.h>
 #include <kiv/utils.h>
-#include <net/if.h>
 #include <net/route.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+
+#include "common/names.h"
 
 namespace {
 
@@ -84,8 +85,8 @@ struct Kind {
 
 // Names are not among them: what the library and the kernel make of a name is what netctl is there to show.
 constexpr Kind kKinds[] = {
-    {"BYTES", IsNumber, "a number from 0 to 65535"},
-    {"ID", IsNumber, "a number from 0 to 65535"},
+    {"BYTES", IsNumber, "a number from 0 to 65535 without leading zeros"},
+    {"ID", IsNumber, "a number from 0 to 65535 without leading zeros"},
     {"IP/PREFIX", IsInterfaceAddress, "an address such as 192.0.2.1/24"},
     {"DEST/PREFIX", IsDestination, "a network such as 192.0.2.0/24, or default"},
     {"GATEWAY", IsAddress, "an address such as 192.0.2.1"},
@@ -93,29 +94,16 @@ constexpr Kind kKinds[] = {
 };
 
 struct Flag {
-  int bit;
+  unsigned int bit;
   const char* name;
-};
-
-constexpr Flag kIfaceFlags[] = {
-    {IFF_UP, "UP"},
-    {IFF_BROADCAST, "BROADCAST"},
-    {IFF_LOOPBACK, "LOOPBACK"},
-    {IFF_POINTOPOINT, "POINTOPOINT"},
-    {IFF_RUNNING, "RUNNING"},
-    {IFF_NOARP, "NOARP"},
-    {IFF_PROMISC, "PROMISC"},
-    {IFF_ALLMULTI, "ALLMULTI"},
-    {IFF_MULTICAST, "MULTICAST"},
 };
 
 constexpr Flag kRouteFlags[] = {{RTF_UP, "UP"}, {RTF_GATEWAY, "GATEWAY"}, {RTF_HOST, "HOST"}, {RTF_REJECT, "REJECT"}};
 
-template <std::size_t count, typename IsSet>
-std::vector<std::string> Names(const Flag (&flags)[count], IsSet isSet) {
+std::vector<std::string> RouteFlagNames(unsigned int flags) {
   std::vector<std::string> names;
-  for (const Flag& flag : flags) {
-    if (isSet(flag.bit)) {
+  for (const Flag& flag : kRouteFlags) {
+    if ((flags & flag.bit) != 0) {
       names.emplace_back(flag.name);
     }
   }
@@ -181,7 +169,7 @@ Table ListInterfaces(const Arguments& /*none*/) {
   Table table{{"interface", "address", "mac", "flags"}, {}};
   for (const net::Iface& iface : net::GetIfaces(0, 0)) {
     table.rows.push_back({iface.GetName(), iface.GetAddress(), iface.GetMAC(),
-                          Names(kIfaceFlags, [&iface](int bit) { return iface.IsFlagsSet(bit); })});
+                          FlagNames([&iface](int flag) { return iface.IsFlagsSet(flag); })});
   }
   return table;
 }
@@ -206,27 +194,24 @@ Table ListRoutes(const Arguments& /*none*/) {
 Table ListRoutingTable(const Arguments& /*none*/) {
   Table table{{"destination", "mask", "gateway", "interface", "metric", "flags"}, {}};
   for (const net::RoutingTableEntry& route : net::GetRoutingTable()) {
-    table.rows.push_back(
-        {net::NtoIP(route.destination), net::NtoIP(route.mask), net::NtoIP(route.gateway), route.iface, route.metric,
-         Names(kRouteFlags, [&route](int bit) { return (route.flags & static_cast<unsigned int>(bit)) != 0; })});
+    table.rows.push_back({net::NtoIP(route.destination), net::NtoIP(route.mask), net::NtoIP(route.gateway), route.iface,
+                          route.metric, RouteFlagNames(route.flags)});
   }
   return table;
 }
 
 Table ListNeighbours(const Arguments& /*none*/) {
-  constexpr const char* kStates[] = {"incomplete", "reachable", "stale",     "delay",  "probe",
-                                     "failed",     "noarp",     "permanent", "unknown"};
   Table table{{"address", "mac", "interface", "state"}, {}};
   for (const net::ArpEntry& entry : net::GetArpTable()) {
-    table.rows.push_back(
-        {net::NtoIP(entry.ip), entry.mac, entry.iface, std::string(kStates[static_cast<unsigned int>(entry.state)])});
+    table.rows.push_back({net::NtoIP(entry.ip), entry.mac, entry.iface, std::string(StateName(entry.state))});
   }
   return table;
 }
 
 constexpr char kMacHint[] = "a MAC is six pairs of hexadecimal digits and colons, and the driver must take it";
-constexpr char kRefusesAddresses[] = "kernels of today refuse every address that is added, see docs/behaviour.md";
-constexpr char kNextHop[] = "the interface must be up, the gateway on its network, and the route a new one";
+constexpr char kRefusesAddresses[] = "the kernel refuses every address that is added so, see docs/behaviour.md";
+constexpr char kNextHop[] =
+    "the interface must be up, the gateway on its network, the route a new one, and no bits set behind the prefix";
 
 }  // namespace
 

@@ -1,13 +1,14 @@
 #include <kiv/net.h>
 #include <kiv/utils.h>
 #include <net/if.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 
 #include "commands.h"
 
@@ -80,6 +81,18 @@ Match Find(const Words& line) {
   return best;
 }
 
+// Returns what may follow the first word of a command, or nothing when no command begins with it.
+std::string ListFollowers(const std::string& first) {
+  std::string list;
+  for (const Command& command : kCommands) {
+    const Words grammar = kiv::utils::Split(command.grammar, " ");
+    if (grammar[0] == first && grammar.size() > 1 && list.find(" " + grammar[1]) == std::string::npos) {
+      list += " " + grammar[1];
+    }
+  }
+  return list.empty() ? list : "; " + first + " is followed by one of:" + list;
+}
+
 // Returns what is wrong with the words of the command line, or nothing.
 std::string FindMisuse(const Match& match, const Words& line, bool json) {
   if (line.empty()) {
@@ -87,7 +100,7 @@ std::string FindMisuse(const Match& match, const Words& line, bool json) {
   }
   if (match.words.size() < 2 && !IsComplete(match, line)) {
     return "there is no command " + Joined({line.begin(), line.begin() + (line.size() > 1 ? 2 : 1)}) +
-           ", see netctl --help";
+           ListFollowers(line[0]) + ", see netctl --help";
   }
   if (!IsComplete(match, line)) {
     return "usage: netctl " + match.command->grammar + " (all commands: netctl --help)";
@@ -124,6 +137,17 @@ std::string ExplainNames(const Match& match, const Words& line) {
   return {};
 }
 
+// Tells whether CAP_NET_ADMIN, number 12, is among the effective capabilities: root may lack it, others may have it.
+bool MayChangeTheNetwork() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.compare(0, 7, "CapEff:") == 0) {
+      return (std::strtoull(line.c_str() + 7, nullptr, 16) >> 12 & 1) != 0;
+    }
+  }
+  return true;
+}
+
 // The library tells no reason, so this is what is likely, the surest first.
 std::string Explain(const Match& match, const Words& line, const Result& result) {
   if (!result.reason.empty()) {
@@ -133,7 +157,7 @@ std::string Explain(const Match& match, const Words& line, const Result& result)
   if (!names.empty()) {
     return names;
   }
-  if (::geteuid() != 0) {
+  if (!MayChangeTheNetwork()) {
     return "not permitted: needs CAP_NET_ADMIN";
   }
   return match.command->hint;
@@ -168,7 +192,7 @@ void PrintHelp() {
 }
 
 int RunLine(Words line) {
-  if (line == Words{"--help"}) {
+  if (line == Words{"--help"} || line == Words{"-h"}) {
     PrintHelp();
     return kDone;
   }

@@ -1,18 +1,21 @@
 #include "network.h"
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <kiv/utils.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
+#include <netpacket/packet.h>
 
 #include <algorithm>
+#include <bitset>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <tuple>
 #include <utility>
 
 #include "common/json.h"
+#include "common/names.h"
 
 namespace {
 
@@ -99,53 +102,44 @@ Table<Row> Keep(std::vector<Row> rows) {
   return table;
 }
 
-std::vector<Interface> ListInterfaces() {
-  std::vector<Interface> interfaces;
-  // "struct", since there is a function of the same name.
-  using List = std::unique_ptr<struct if_nameindex, decltype(&::if_freenameindex)>;
-  const List list(::if_nameindex(), &::if_freenameindex);
-  for (const struct if_nameindex* entry = list.get(); entry != nullptr && entry->if_index != 0; ++entry) {
-    interfaces.emplace_back();
-    interfaces.back().index = entry->if_index;
-    interfaces.back().name = entry->if_name;
+void Add(const ifaddrs& entry, Interface& interface) {
+  if (entry.ifa_addr == nullptr) {
+    return;
   }
-  return interfaces;
-}
-
-// Any socket will do. /sys/class/net/NAME/flags would do without one, but lacks IFF_RUNNING.
-bool ReadFlags(int fd, Interface& interface) {
-  ifreq request{};
-  (void)interface.name.copy(request.ifr_name, IFNAMSIZ - 1);
-  if (::ioctl(fd, SIOCGIFFLAGS, &request) != 0) {
-    return false;
-  }
-  interface.flags = static_cast<unsigned short>(request.ifr_flags);
-  return true;
-}
-
-void ReadDetails(Interface& interface) {
-  interface.mac = kiv::net::GetMAC(interface.name.c_str());
-  const std::vector<kiv::net::InterfaceAddress> addresses = kiv::net::GetInterfaceAddresses(interface.name);
-  interface.addressTotal = addresses.size();
-  for (std::size_t i = 0; i < std::min(addresses.size(), kMaxAddresses); ++i) {
-    interface.addresses.push_back(addresses[i].address + "/" + std::to_string(addresses[i].prefixLength));
+  if (entry.ifa_addr->sa_family == AF_PACKET) {
+    interface.index = static_cast<unsigned int>(reinterpret_cast<const sockaddr_ll*>(entry.ifa_addr)->sll_ifindex);
+    interface.flags = entry.ifa_flags & 0xFFFF;  // Those of net/if.h; what lies above says nothing more.
+  } else if (entry.ifa_addr->sa_family == AF_INET && ++interface.addressTotal <= kMaxAddresses) {
+    const auto* const mask = reinterpret_cast<const sockaddr_in*>(entry.ifa_netmask);
+    const std::size_t length = std::bitset<32>(mask->sin_addr.s_addr).count();
+    const auto [ip, port] = kiv::net::GetAddress(*reinterpret_cast<const sockaddr_in*>(entry.ifa_addr));
+    interface.addresses.push_back(ip + "/" + std::to_string(length));
   }
 }
 
+// One getifaddrs(3) tells of all: GetIfaces leaves out prefix lengths and interfaces without an address, and
+// GetInterfaceAddresses has the kernel list every interface's addresses for each that it is asked for.
 bool ReadInterfaces(Table<Interface>& table) {
-  const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
+  ifaddrs* first = nullptr;
+  if (::getifaddrs(&first) != 0) {
     return false;
   }
-  table = Keep(ListInterfaces());
-  const bool listed = table.total != 0;  // There always is a loopback interface.
-  const auto isGone = [fd](Interface& interface) { return !ReadFlags(fd, interface); };
-  const auto end = std::remove_if(table.rows.begin(), table.rows.end(), isGone);
-  table.total -= static_cast<std::size_t>(table.rows.end() - end);
-  table.rows.erase(end, table.rows.end());
-  ::close(fd);
-  std::for_each(table.rows.begin(), table.rows.end(), ReadDetails);
-  return listed;
+  const std::unique_ptr<ifaddrs, decltype(&::freeifaddrs)> list(first, &::freeifaddrs);
+  std::map<std::string, Interface> interfaces;
+  for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
+    const std::string name = kiv::utils::Split(entry->ifa_name, ":").front();  // "eth0:1" is an address of eth0.
+    interfaces[name].name = name;
+    Add(*entry, interfaces[name]);
+  }
+  std::vector<Interface> rows;
+  for (auto& [name, interface] : interfaces) {
+    rows.push_back(std::move(interface));
+  }
+  table = Keep(std::move(rows));
+  for (Interface& interface : table.rows) {
+    interface.mac = kiv::net::GetMAC(interface.name.c_str());
+  }
+  return true;
 }
 
 // GetRoutes and not GetRoutingTable: that one has the metric, but only the main table, and not who made the route.
@@ -167,44 +161,61 @@ struct Marked {
   Names fields;
 };
 
+// The rows of the table before that nothing has been found for.
 template <typename Row>
-std::vector<Marked<Row>> Compare(const Table<Row>& before, const Table<Row>& now) {
-  std::vector<const Row*> old;
-  for (const Row& row : before.rows) {
-    old.push_back(&row);
+class Leftovers {
+ public:
+  explicit Leftovers(const std::vector<Row>& rows) {
+    for (const Row& row : rows) {
+      mRows.push_back(&row);
+    }
   }
-  // Returns the first of the old rows that fits, which then is used up.
-  const auto take = [&old](const auto& fits) -> const Row* {
-    const auto found = std::find_if(old.begin(), old.end(), fits);
-    if (found == old.end()) {
+
+  /// Returns the first that fits, which then is used up, or null.
+  template <typename Fits>
+  const Row* Take(const Fits& fits) {
+    const auto found = std::find_if(mRows.begin(), mRows.end(), [&fits](const Row* row) { return fits(*row); });
+    if (found == mRows.end()) {
       return nullptr;
     }
-    const Row* row = *found;
-    old.erase(found);
+    const Row* const row = *found;
+    mRows.erase(found);
     return row;
-  };
+  }
+
+  const std::vector<const Row*>& Rows() const { return mRows; }
+
+ private:
+  std::vector<const Row*> mRows;
+};
+
+// Several routes may lead to one destination: those that stayed as they were are found before any is taken for a change
+// of another.
+template <typename Row>
+std::vector<Marked<Row>> Match(const Table<Row>& before, const Table<Row>& now) {
+  Leftovers<Row> old(before.rows);
   std::vector<Marked<Row>> marked;
   std::vector<const Row*> others;
-  // Several routes may lead to one destination: those that stayed as they were are found before any is taken for a
-  // change of another.
   for (const Row& row : now.rows) {
-    if (take([&row](const Row* o) { return IsSame(*o, row) && Differences(*o, row).empty(); }) != nullptr) {
+    if (old.Take([&row](const Row& o) { return IsSame(o, row) && Differences(o, row).empty(); }) != nullptr) {
       marked.push_back({&row, nullptr, {}});
     } else {
       others.push_back(&row);
     }
   }
   for (const Row* row : others) {
-    const Row* was = take([row](const Row* o) { return IsSame(*o, *row); });
-    if (was != nullptr) {
-      marked.push_back({row, "changed", Differences(*was, *row)});
-    } else {
-      marked.push_back({row, "new", {}});
-    }
+    const Row* const was = old.Take([row](const Row& o) { return IsSame(o, *row); });
+    marked.push_back({row, was != nullptr ? "changed" : "new", was != nullptr ? Differences(*was, *row) : Names()});
   }
-  for (const Row* row : old) {
+  for (const Row* row : old.Rows()) {
     marked.push_back({row, "gone", {}});
   }
+  return marked;
+}
+
+template <typename Row>
+std::vector<Marked<Row>> Compare(const Table<Row>& before, const Table<Row>& now) {
+  std::vector<Marked<Row>> marked = Match(before, now);
   std::stable_sort(marked.begin(), marked.end(), [](const auto& a, const auto& b) { return IsBefore(*a.row, *b.row); });
   // Rows that merely came into sight, or went out of it, have a full table's rows before them: they are cut off here
   // and so are not taken for new or gone.
@@ -225,32 +236,12 @@ std::string JsonList(const List& list, Write write) {
 
 std::string JsonText(const std::string& text) { return text.empty() ? "null" : JsonString(text); }
 
-Names FlagNames(unsigned int flags) {
-  const auto has = [flags](unsigned int flag) { return (flags & flag) != 0; };
-  return Pick({{"UP", has(IFF_UP)},
-               {"RUNNING", has(IFF_RUNNING)},
-               {"LOOPBACK", has(IFF_LOOPBACK)},
-               {"BROADCAST", has(IFF_BROADCAST)},
-               {"MULTICAST", has(IFF_MULTICAST)},
-               {"POINTOPOINT", has(IFF_POINTOPOINT)},
-               {"NOARP", has(IFF_NOARP)},
-               {"PROMISC", has(IFF_PROMISC)},
-               {"ALLMULTI", has(IFF_ALLMULTI)},
-               {"MASTER", has(IFF_MASTER)},
-               {"SLAVE", has(IFF_SLAVE)}});
-}
-
-const char* StateName(kiv::net::ArpState state) {
-  const char* const names[] = {"incomplete", "reachable", "stale",     "delay",  "probe",
-                               "failed",     "no arp",    "permanent", "unknown"};
-  return names[static_cast<std::size_t>(state)];
-}
-
 std::string Members(const Interface& row) {
+  const auto isSet = [&row](int flag) { return (row.flags & static_cast<unsigned int>(flag)) != 0; };
   return "\"index\":" + std::to_string(row.index) + ",\"name\":" + JsonString(row.name) +
          ",\"addresses\":" + JsonList(row.addresses, JsonString) +
          ",\"address_total\":" + std::to_string(row.addressTotal) + ",\"mac\":" + JsonText(row.mac) +
-         ",\"flags\":" + JsonList(FlagNames(row.flags), JsonString);
+         ",\"flags\":" + JsonList(FlagNames(isSet), JsonString);
 }
 
 std::string Members(const RouteEntry& row) {

@@ -2,7 +2,6 @@
 
 #include <kiv/net.h>
 #include <kiv/utils.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
@@ -171,9 +170,8 @@ bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::
 
 bool LoadSettings(const CommandLine& commandLine, Settings& out, std::string& error) {
   Settings settings;
-  char host[65] = "";
-  (void)::gethostname(host, sizeof host - 1);
-  settings.name = host[0] != '\0' ? host : "statusd";
+  const std::string host = kiv::utils::GetHostname();
+  settings.name = host.empty() ? "statusd" : host;
   if (commandLine.configFile && !ApplyFile(*commandLine.configFile, settings, error)) {
     return false;
   }

@@ -64,6 +64,7 @@ class Daemon:
         words = [word for key, value in options.items() if value is not None
                  for word in ("--" + key.replace("_", "-"), value)]
         self.expected_complaints = 0
+        self.paused_at = None  # The number of snapshots at the last pause that nobody has waited behind.
         enter = namespace.enter if namespace else []
         self.process = subprocess.Popen([*enter, *prefix, *command(*flags, *words)], stdout=subprocess.PIPE,
                                         stderr=subprocess.PIPE)
@@ -104,15 +105,19 @@ class Daemon:
     def wait_for_peer(self, state):
         return wait_for(lambda: (peer := self.peer())["state"] == state and peer, f"peer {state}")
 
+    def _snapshots(self):
+        return self.status()["network"]["snapshots"]
+
     def next_snapshot(self):
-        """Waits until the daemon has looked at the network once more."""
-        before = self.status()["network"]["snapshots"]
+        """Waits until the daemon has looked at the network once more, since its last pause if there was one."""
+        before = self._snapshots() if self.paused_at is None else self.paused_at
+        self.paused_at = None
         return wait_for(lambda: (status := self.status())["network"]["snapshots"] > before and status, "a snapshot")
 
     @contextlib.contextmanager
     def between_snapshots(self):
         """What happens in here is one change for the daemon."""
-        self.next_snapshot()
+        self.paused_at = self.next_snapshot()["network"]["snapshots"]
         self.process.send_signal(signal.SIGSTOP)
         try:
             yield
