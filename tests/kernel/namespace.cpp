@@ -38,7 +38,7 @@ bool EnterNetwork() { return ::unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS
 
 bool EnterNamespaces() {
   return (EnterNetwork() || (EnterUserNamespace() && EnterNetwork())) &&
-         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0 &&
          ::mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0;
 }
 
