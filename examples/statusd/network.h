@@ -36,8 +36,10 @@ struct Network {
 /// Reads the kernel's tables. Returns nothing when it cannot be asked. Blocks for as long as large tables take.
 std::optional<Network> ReadNetwork();
 
-/// Returns `now` as members of a JSON object. Each row says what became of it since `before`: it is new, or changed, in
-/// which fields, or gone.
+/// Returns `now` as members of a JSON object: "interfaces", "routes" and "neighbours", each with "total" and "rows".
+///
+/// Each row says in "change" what became of it since `before`, "new", "changed" (which members is in "fields"), "gone",
+/// or null; a program that must not miss a change has to ask more often than there are snapshots.
 std::string ToJson(const Network& before, const Network& now);
 
 #endif  // STATUSD_NETWORK_H
