@@ -18,7 +18,7 @@ class Namespace:
 
     def __init__(self):
         unshare = ["unshare", "--net", "--mount", "--uts"]
-        enter = ["nsenter", "--net", "--mount", "--uts"]
+        enter = ["nsenter", "--net", "--mount", "--uts", "--root", "--wd"]  # Those of the holder, also in a chroot.
         if os.geteuid() != 0:
             unshare += ["--user", "--map-root-user"]
             enter += ["--user", "--preserve-credentials"]
