@@ -114,6 +114,13 @@ def spaces():
 
 
 @pytest.fixture
+def other(spaces):
+    """A namespace to move interfaces to: an ordinary user has each in a user namespace that the others cannot enter."""
+    need(os.geteuid() == 0, "moving interfaces needs root")
+    return spaces()
+
+
+@pytest.fixture
 def space(spaces):
     """A namespace with the pair of interfaces e0 and e1, both up, e0 with 10.0.0.1/24, the bridge br0, and lo, down."""
     made = spaces()

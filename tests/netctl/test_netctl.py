@@ -78,8 +78,7 @@ def test_master_must_exist_and_take_ports(space):
 
 
 @pytest.mark.parametrize("target", ["{pid}", "/proc/{pid}/ns/net"])
-def test_link_moves_to_another_namespace(spaces, space, target):
-    other = spaces()
+def test_link_moves_to_another_namespace(space, other, target):
     space.do("link", "netns", "e1", target.format(pid=other.pid))
     assert space.link("e1") is None
     assert other.link("e1")["linkinfo"]["info_kind"] == "veth"

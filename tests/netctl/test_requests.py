@@ -228,8 +228,7 @@ def test_dump_request_has_17_bytes_on_an_unbound_socket(trace, words, number, fl
     assert "NLMSG_DONE" in replies[-1][1] and steps[-1][0] == "close"
 
 
-def test_namespace_is_sent_by_a_descriptor_that_is_closed(trace, spaces):
-    other = spaces()
+def test_namespace_is_sent_by_a_descriptor_that_is_closed(trace, other):
     for word in (other.pid, f"/proc/{other.pid}/ns/net"):
         seen = trace("link", "netns", "e0" if word == other.pid else "e1", word)
         path = f'"/proc/{other.pid}/ns/net"'
