@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -24,14 +23,16 @@
 
 namespace kiv::test {
 
-/// Counts the descriptors that this process has open, without the one used for counting.
+/// Counts the descriptors that this process has open, without the one used for counting. The C library goes through the
+/// list by itself: a test that notes the calls of the library under test does not note these.
 inline std::size_t CountOpenFds() {
-  const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir("/proc/self/fd"), &::closedir);
-  std::size_t count = 0;
-  while (::readdir(list.get()) != nullptr) {
-    ++count;
+  dirent** list = nullptr;
+  const int count = ::scandir("/proc/self/fd", &list, nullptr, nullptr);
+  for (int i = 0; i < count; ++i) {
+    std::free(list[i]);
   }
-  return count - 3;  // ".", ".." and the directory stream itself.
+  std::free(list);
+  return static_cast<std::size_t>(count) - 3;  // ".", ".." and the directory stream itself.
 }
 
 /// Tells whether `fd` is an open descriptor.

@@ -1,16 +1,27 @@
 #include "interpose.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <linux/loop.h>
 #include <net/if.h>
 #include <poll.h>
+#include <semaphore.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/timerfd.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -102,6 +113,25 @@ const char* TimeName(const char* name64, const char* name) {
 // The same renaming, on 32-bit machines with 64-bit file offsets.
 const char* OffsetName(const char* name64, const char* name) { return sizeof(off_t) > sizeof(long) ? name64 : name; }
 
+// Both, for what fills a struct stat.
+const char* StatName(const char* time64, const char* name64, const char* name) {
+  return TimeName(time64, OffsetName(name64, name));
+}
+
+// How many bytes the third argument of an ioctl points to; 0 when it is no pointer, or one that nobody looks at.
+std::size_t SizeOfArgument(unsigned long request) {
+  switch (request) {
+    case SIOCGIFFLAGS:
+      return sizeof(ifreq);
+    case BLKGETSIZE64:
+      return sizeof(std::uint64_t);
+    case LOOP_SET_STATUS64:
+      return sizeof(loop_info64);
+    default:
+      return 0;
+  }
+}
+
 }  // namespace
 
 CallLog::CallLog() { currentLog = this; }
@@ -153,7 +183,7 @@ Fault FailCall(const std::string& name, int error, unsigned nth) { return {name,
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth) { return {name, result, 0, nth}; }
 
 Fault GiveFrom(const std::string& name, const std::string& bytes, unsigned nth) {
-  const bool returnsZero = name == "ioctl" || name == "gethostname";
+  const bool returnsZero = name == "ioctl" || name == "gethostname" || name == "fstat" || name == "statfs";
   return {name, returnsZero ? 0 : static_cast<long long>(bytes.size()), 0, nth, bytes};
 }
 
@@ -237,6 +267,8 @@ using kiv::test::Next;
 using kiv::test::Note;
 using kiv::test::OffsetName;
 using kiv::test::Replace;
+using kiv::test::SizeOfArgument;
+using kiv::test::StatName;
 using kiv::test::TimeName;
 
 // The C library's own declarations give these their linkage; their reserved parameter names cannot be repeated.
@@ -332,15 +364,21 @@ int access(const char* path, int mode) noexcept {
   return instead ? static_cast<int>(*instead) : next(path, mode);
 }
 
-// Takes its third argument as fcntl does. Its type is known for the interface's flags only, the one request here.
+// Takes its third argument as fcntl does.
 int ioctl(int fd, unsigned long request, ...) noexcept {
   static const auto next = NEXT_AS(ioctl, TimeName("__ioctl_time64", "ioctl"));
   va_list list;
   va_start(list, request);
   void* const argument = va_arg(list, void*);
   va_end(list);
-  const std::size_t size = request == SIOCGIFFLAGS ? sizeof(ifreq) : 0;
-  Note("ioctl", {fd, static_cast<long long>(request)}, argument, size);
+  const std::size_t size = SizeOfArgument(request);
+  const bool isNumber = request == LOOP_SET_FD || request == LOOP_CLR_FD;
+  const auto code = static_cast<long long>(request);
+  if (isNumber) {
+    Note("ioctl", {fd, code, static_cast<int>(reinterpret_cast<std::intptr_t>(argument))}, nullptr, 0);
+  } else {
+    Note("ioctl", {fd, code}, size == 0 ? nullptr : argument, size);
+  }
   const auto instead = Replace("ioctl", argument, size);
   return instead ? static_cast<int>(*instead) : next(fd, request, argument);
 }
@@ -496,6 +534,270 @@ int getnameinfo(const sockaddr* address, socklen_t size, char* host, socklen_t h
   const auto instead =
       Intercept("getnameinfo", {size, hostSize, service != nullptr, serviceSize, flags}, address, size);
   return instead ? static_cast<int>(*instead) : next(address, size, host, hostSize, service, serviceSize, flags);
+}
+
+int stat(const char* path, struct stat* status) noexcept {
+  static const auto next = NEXT_AS(::stat, StatName("__stat64_time64", "stat64", "stat"));
+  const auto instead = Intercept("stat", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, status);
+}
+
+int lstat(const char* path, struct stat* status) noexcept {
+  static const auto next = NEXT_AS(lstat, StatName("__lstat64_time64", "lstat64", "lstat"));
+  const auto instead = Intercept("lstat", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, status);
+}
+
+int fstat(int fd, struct stat* status) noexcept {
+  static const auto next = NEXT_AS(fstat, StatName("__fstat64_time64", "fstat64", "fstat"));
+  const auto instead = InterceptGiving("fstat", {fd}, status, sizeof *status);
+  return instead ? static_cast<int>(*instead) : next(fd, status);
+}
+
+int statfs(const char* path, struct statfs* filesystem) noexcept {
+  static const auto next = NEXT_AS(::statfs, OffsetName("statfs64", "statfs"));
+  Note("statfs", {}, path, std::strlen(path));
+  const auto instead = Replace("statfs", filesystem, sizeof *filesystem);
+  return instead ? static_cast<int>(*instead) : next(path, filesystem);
+}
+
+DIR* opendir(const char* path) {
+  static const auto next = NEXT(opendir);
+  return Intercept("opendir", {}, path, std::strlen(path)) ? nullptr : next(path);
+}
+
+dirent* readdir(DIR* stream) {
+  static const auto next = NEXT_AS(readdir, OffsetName("readdir64", "readdir"));
+  return Intercept("readdir", {}) ? nullptr : next(stream);
+}
+
+int closedir(DIR* stream) {
+  static const auto next = NEXT(closedir);
+  const auto instead = Intercept("closedir", {});
+  const int result = next(stream);
+  errno = EBADMSG;  // Closing may change it, and the caller has to allow for that.
+  return instead ? static_cast<int>(*instead) : result;
+}
+
+int mkdir(const char* path, mode_t mode) noexcept {
+  static const auto next = NEXT(mkdir);
+  const auto instead = Intercept("mkdir", {mode}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, mode);
+}
+
+int rmdir(const char* path) noexcept {
+  static const auto next = NEXT(rmdir);
+  const auto instead = Intercept("rmdir", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path);
+}
+
+int unlink(const char* path) noexcept {
+  static const auto next = NEXT(unlink);
+  const auto instead = Intercept("unlink", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path);
+}
+
+int symlink(const char* target, const char* path) noexcept {
+  static const auto next = NEXT(symlink);
+  const std::string both = std::string(target) + " " + path;
+  const auto instead = Intercept("symlink", {}, both.data(), both.size());
+  return instead ? static_cast<int>(*instead) : next(target, path);
+}
+
+ssize_t sendfile(int out, int in, off_t* offset, size_t size) noexcept {
+  static const auto next = NEXT_AS(sendfile, OffsetName("sendfile64", "sendfile"));
+  const auto instead = Intercept("sendfile", {out, in, *offset, static_cast<long long>(size)});
+  return instead ? static_cast<ssize_t>(*instead) : next(out, in, offset, size);
+}
+
+int ftruncate(int fd, off_t size) noexcept {
+  static const auto next = NEXT_AS(ftruncate, OffsetName("ftruncate64", "ftruncate"));
+  const auto instead = Intercept("ftruncate", {fd, size});
+  return instead ? static_cast<int>(*instead) : next(fd, size);
+}
+
+off_t lseek(int fd, off_t offset, int whence) noexcept {
+  static const auto next = NEXT_AS(lseek, OffsetName("lseek64", "lseek"));
+  const auto instead = Intercept("lseek", {fd, offset, whence});
+  return instead ? static_cast<off_t>(*instead) : next(fd, offset, whence);
+}
+
+int fsync(int fd) {
+  static const auto next = NEXT(fsync);
+  const auto instead = Intercept("fsync", {fd});
+  return instead ? static_cast<int>(*instead) : next(fd);
+}
+
+int flock(int fd, int operation) noexcept {
+  static const auto next = NEXT(flock);
+  const auto instead = Intercept("flock", {fd, operation});
+  return instead ? static_cast<int>(*instead) : next(fd, operation);
+}
+
+pid_t fork() noexcept {
+  static const auto next = NEXT(fork);
+  const auto instead = Intercept("fork", {});
+  return instead ? static_cast<pid_t>(*instead) : next();
+}
+
+int execvp(const char* path, char* const* args) noexcept {
+  static const auto next = NEXT(execvp);
+  const auto instead = Intercept("execvp", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path, args);
+}
+
+pid_t waitpid(pid_t pid, int* status, int options) {
+  static const auto next = NEXT(waitpid);
+  const auto instead = Intercept("waitpid", {pid, options});
+  return instead ? static_cast<pid_t>(*instead) : next(pid, status, options);
+}
+
+pid_t setsid() noexcept {
+  static const auto next = NEXT(setsid);
+  const auto instead = Intercept("setsid", {});
+  return instead ? static_cast<pid_t>(*instead) : next();
+}
+
+int pipe2(int* fds, int flags) noexcept {
+  static const auto next = NEXT(pipe2);
+  const auto instead = Intercept("pipe2", {flags});
+  return instead ? static_cast<int>(*instead) : next(fds, flags);
+}
+
+int dup2(int from, int to) noexcept {
+  static const auto next = NEXT(dup2);
+  const auto instead = Intercept("dup2", {from, to});
+  return instead ? static_cast<int>(*instead) : next(from, to);
+}
+
+int kill(pid_t pid, int signo) noexcept {
+  static const auto next = NEXT(kill);
+  const auto instead = Intercept("kill", {pid, signo});
+  return instead ? static_cast<int>(*instead) : next(pid, signo);
+}
+
+mode_t umask(mode_t mask) noexcept {
+  static const auto next = NEXT(umask);
+  const auto instead = Intercept("umask", {mask});
+  return instead ? static_cast<mode_t>(*instead) : next(mask);
+}
+
+int chdir(const char* path) noexcept {
+  static const auto next = NEXT(chdir);
+  const auto instead = Intercept("chdir", {}, path, std::strlen(path));
+  return instead ? static_cast<int>(*instead) : next(path);
+}
+
+int setgroups(size_t count, const gid_t* groups) noexcept {
+  static const auto next = NEXT(setgroups);
+  const auto instead = Intercept("setgroups", {static_cast<long long>(count), groups != nullptr});
+  return instead ? static_cast<int>(*instead) : next(count, groups);
+}
+
+int setgid(gid_t gid) noexcept {
+  static const auto next = NEXT(setgid);
+  const auto instead = Intercept("setgid", {gid});
+  return instead ? static_cast<int>(*instead) : next(gid);
+}
+
+int setuid(uid_t uid) noexcept {
+  static const auto next = NEXT(setuid);
+  const auto instead = Intercept("setuid", {uid});
+  return instead ? static_cast<int>(*instead) : next(uid);
+}
+
+uid_t getuid() noexcept {
+  static const auto next = NEXT(getuid);
+  const auto instead = Intercept("getuid", {});
+  return instead ? static_cast<uid_t>(*instead) : next();
+}
+
+uid_t geteuid() noexcept {
+  static const auto next = NEXT(geteuid);
+  const auto instead = Intercept("geteuid", {});
+  return instead ? static_cast<uid_t>(*instead) : next();
+}
+
+gid_t getgid() noexcept {
+  static const auto next = NEXT(getgid);
+  const auto instead = Intercept("getgid", {});
+  return instead ? static_cast<gid_t>(*instead) : next();
+}
+
+gid_t getegid() noexcept {
+  static const auto next = NEXT(getegid);
+  const auto instead = Intercept("getegid", {});
+  return instead ? static_cast<gid_t>(*instead) : next();
+}
+
+int shm_open(const char* name, int flags, mode_t mode) {
+  static const auto next = NEXT(shm_open);
+  const auto instead = Intercept("shm_open", {flags, mode}, name, std::strlen(name));
+  return instead ? static_cast<int>(*instead) : next(name, flags, mode);
+}
+
+int shm_unlink(const char* name) {
+  static const auto next = NEXT(shm_unlink);
+  const auto instead = Intercept("shm_unlink", {}, name, std::strlen(name));
+  return instead ? static_cast<int>(*instead) : next(name);
+}
+
+void* mmap(void* address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
+  static const auto next = NEXT_AS(mmap, OffsetName("mmap64", "mmap"));
+  const auto instead = Intercept("mmap", {address != nullptr, static_cast<long long>(size), protection, flags, fd,
+                                          static_cast<long long>(offset)});
+  return instead ? MAP_FAILED : next(address, size, protection, flags, fd, offset);
+}
+
+int munmap(void* address, size_t size) noexcept {
+  static const auto next = NEXT(munmap);
+  const auto instead = Intercept("munmap", {static_cast<long long>(size)});
+  return instead ? static_cast<int>(*instead) : next(address, size);
+}
+
+sem_t* sem_open(const char* name, int flags, ...) noexcept {
+  static const auto next = NEXT(sem_open);
+  mode_t mode = 0;
+  unsigned int value = 0;
+  if ((flags & O_CREAT) != 0) {
+    va_list list;
+    va_start(list, flags);
+    mode = va_arg(list, mode_t);
+    value = va_arg(list, unsigned int);
+    va_end(list);
+  }
+  const auto instead = Intercept("sem_open", {flags, mode, value}, name, std::strlen(name));
+  return instead ? SEM_FAILED : next(name, flags, mode, value);
+}
+
+int sem_close(sem_t* handle) noexcept {
+  static const auto next = NEXT(sem_close);
+  const auto instead = Intercept("sem_close", {});
+  return instead ? static_cast<int>(*instead) : next(handle);
+}
+
+int sem_unlink(const char* name) noexcept {
+  static const auto next = NEXT(sem_unlink);
+  const auto instead = Intercept("sem_unlink", {}, name, std::strlen(name));
+  return instead ? static_cast<int>(*instead) : next(name);
+}
+
+int sem_wait(sem_t* handle) {
+  static const auto next = NEXT(sem_wait);
+  const auto instead = Intercept("sem_wait", {});
+  return instead ? static_cast<int>(*instead) : next(handle);
+}
+
+int sem_trywait(sem_t* handle) noexcept {
+  static const auto next = NEXT(sem_trywait);
+  const auto instead = Intercept("sem_trywait", {});
+  return instead ? static_cast<int>(*instead) : next(handle);
+}
+
+int sem_post(sem_t* handle) noexcept {
+  static const auto next = NEXT(sem_post);
+  const auto instead = Intercept("sem_post", {});
+  return instead ? static_cast<int>(*instead) : next(handle);
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -69,16 +69,17 @@ class Fault {
 };
 
 /// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel, and return what
-/// marks a failure: EAI_SYSTEM from getaddrinfo and getnameinfo, 0 or null from the calls for interface names, -1 from
-/// all others. One differs: close does close before it reports the error, as Linux does.
+/// marks a failure: EAI_SYSTEM from getaddrinfo and getnameinfo, 0 or null from the calls for interface names, null
+/// from opendir, readdir and sem_open, MAP_FAILED from mmap, -1 from all others. Two differ: close and closedir do
+/// close before they report the error, as Linux does. A child of fork has the faults that were still to come.
 Fault FailCall(const std::string& name, int error, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on give these bytes, and no more, without reaching the kernel. For read,
-/// recv, recvfrom and if_indextoname, which return their number (the last one a text made of them), and for ioctl and
-/// gethostname, which return 0.
+/// recv, recvfrom and if_indextoname, which return their number (the last one a text made of them), and for ioctl,
+/// gethostname, fstat and statfs, which return 0.
 Fault GiveFrom(const std::string& name, const std::string& bytes, unsigned nth = 1);
 
 /// Makes the next read give these bytes, and no more, whatever the descriptor has.
