@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <limits>
 
 #include "fs/errno_error.h"
 #include "internal/unique_fd.h"
@@ -47,7 +49,8 @@ error CopyBlocks(int src, int dst) {
   }
 }
 
-// What sendfile(2) cannot do between these two files is done with a buffer, from the start.
+// What sendfile(2) cannot do between these two files is done with a buffer. Linux refuses a pair at the first call,
+// when nothing has been written, so that the destination's offset is still 0.
 error StartOverWithBlocks(int src, int dst) {
   if (::ftruncate(dst, 0) != 0 || ::lseek(src, 0, SEEK_SET) < 0) {
     return io_error;
@@ -55,10 +58,16 @@ error StartOverWithBlocks(int src, int dst) {
   return CopyBlocks(src, dst);
 }
 
+// What one call can be asked for; a 32-bit machine has files larger than that.
+std::size_t CountOf(off_t bytes) {
+  constexpr auto kMost = std::numeric_limits<ssize_t>::max();
+  return static_cast<std::size_t>(std::min<std::int64_t>(bytes, kMost));
+}
+
 error SendAll(int src, int dst, off_t size) {
   off_t offset = 0;
   while (offset < size) {
-    const ssize_t sent = ::sendfile(dst, src, &offset, static_cast<std::size_t>(size - offset));
+    const ssize_t sent = ::sendfile(dst, src, &offset, CountOf(size - offset));
     if (sent > 0) {
       continue;
     }

@@ -45,7 +45,8 @@ void ExecChild(const std::string& path, const std::vector<std::string>& args) no
     const std::vector<char*> argv = Pointers(strings);
     ::execvp(path.c_str(), argv.data());
   } catch (...) {
-    // Out of memory. Let out, this would unwind into the caller's frames, and the caller would go on running twice.
+    // Deliberate: what the vectors throw (no memory, no room) ends here. Let out, it would unwind into the caller's
+    // frames, and the caller would go on running twice.
   }
   ::_exit(kNotStarted);
 }

@@ -70,13 +70,13 @@ int OpenOutput(const std::string& file) {
   if (grandchild != 0) {
     ::_exit(grandchild < 0 ? 1 : 0);
   }
-  const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  if (null >= 0) {
+  internal::UniqueFd null(::open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (null.IsValid()) {
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-      (void)::dup2(null, standard);
+      (void)::dup2(null.Get(), standard);
     }
-    if (null > STDERR_FILENO) {
-      (void)::close(null);
+    if (null.Get() > STDERR_FILENO) {
+      null.Reset();
     }
   }
   ExecChild(path, args);

@@ -8,12 +8,12 @@
 /// Files, directories and loop devices. Nothing is cached, every call asks the kernel. The free functions keep no
 /// state, and any thread may call them; they block for as long as the filesystem does.
 ///
-/// Paths are bytes, relative ones start from the working directory, and a path ends at its first NUL byte, as it does
-/// for the kernel. Where nothing else is said, symbolic links are followed and errno stays as the failing call left it.
+/// Paths are bytes without NUL, and relative ones start from the working directory. Where nothing else is said,
+/// symbolic links are followed and errno stays as the failing call left it.
 namespace kiv::fs {
 
 /// Result of the operations that change files. The numbers are fixed; to_string gives a text for each.
-enum error {
+enum error : int {
   success = 0,
   dir_open_failed = 1,
   src_open_failed = 2,
@@ -33,7 +33,8 @@ enum error {
 /// Returns the English text of a result, a static string that is never null; "Unknown error" for any other number.
 KIV_EXPORT const char* to_string(error value);
 
-/// Removes `path`: a file, a symbolic link (never what it leads to), or a directory with all that is in it.
+/// Removes `path`: a file, a symbolic link (never what it leads to), or a directory with all that is in it. Behind a
+/// slash at its end a link is followed, as everywhere: "link/" empties the directory, and then fails with io_error.
 ///
 /// Returns success; not_found when there is no such entry; stat_failed when it cannot be looked at; dir_open_failed
 /// when the directory cannot be read; permission_denied or io_error when the entry itself cannot be removed. The first
@@ -61,8 +62,8 @@ KIV_EXPORT bool IsDirectory(const std::string& path);
 /// Tells whether `path` leads to a regular file. Returns false, with errno of stat(2), when it cannot be looked at.
 KIV_EXPORT bool IsRegularFile(const std::string& path);
 
-/// Tells whether what `path` leads to, of any type, lies on a tmpfs. Returns false, with errno of statfs(2), when it
-/// cannot be looked at.
+/// Tells whether what `path` leads to, of any type, lies on a tmpfs (or a devtmpfs, which says the same). Returns
+/// false, with errno of statfs(2), when it cannot be looked at.
 KIV_EXPORT bool IsTmpfsFile(const std::string& path);
 
 /// Tells whether `path` leads to something, of any type, links followed: access(2) with F_OK, and so with the rights of
@@ -95,14 +96,14 @@ KIV_EXPORT bool HasEnoughSpace(const std::string& path, int bytes);
 
 /// Copies the contents of the regular file `src` to `dst`, which is replaced, or created with mode 0644 less the umask;
 /// an existing file keeps its mode and owner. With `sync`, every write waits for the storage (O_SYNC); without, nothing
-/// does.
+/// does, and what close(2) reports is never seen. Opening a FIFO, on either side, waits for its other end.
 ///
-/// Returns success, also when both are the same file, which is then left alone. Of the source: not_found,
-/// permission_denied, src_open_failed, stat_failed, not_regular_file. Of the destination: no_space when HasEnoughSpace
-/// refuses the low 32 bits of the source's size in dst's directory (nothing is touched then; sources between 2 and
-/// 4 GiB always end so), no_space, permission_denied, not_found, dst_open_failed. Of copying: no_space,
-/// permission_denied, io_error (a source that shrinks, or a signal that interrupts), sendfile_failed. A copy that
-/// fails on the way leaves what it has written.
+/// Returns, in this order, of the source: not_found, permission_denied, src_open_failed, stat_failed, not_regular_file.
+/// Of the destination: no_space, with nothing touched, when HasEnoughSpace refuses the low 32 bits of the source's size
+/// in Dirname(dst), which it does for sources between 2 and 4 GiB and for a directory that does not exist; success,
+/// with nothing touched, when both are the same file; no_space, permission_denied, not_found, dst_open_failed. Of
+/// copying: no_space, permission_denied, io_error (a source that shrinks, or a signal that interrupts),
+/// sendfile_failed; success. A copy that fails on the way leaves what it has written.
 KIV_EXPORT error Copy(const std::string& src, const std::string& dst, bool sync);
 
 /// Returns the size in bytes of a regular file or a block device, in 32 bits on every architecture: of 2 GiB and more
@@ -112,7 +113,7 @@ KIV_EXPORT error Copy(const std::string& src, const std::string& dst, bool sync)
 KIV_EXPORT int GetSize(int fd);
 
 /// Opens `path` for reading and returns its size as the other GetSize does; -1, with errno of open(2), when it cannot
-/// be opened. Opening a FIFO waits for a writer.
+/// be opened. Opening a FIFO waits for a writer, and opening a device may do more: that of a watchdog starts it.
 KIV_EXPORT int GetSize(const std::string& path);
 
 /// Returns the free bytes of the filesystem of `path`, those reserved for root included, counted in 32 bits on every
@@ -124,8 +125,8 @@ KIV_EXPORT int GetSizeFS(const std::string& path);
 /// rights to open /dev/loop-control and the devices (CAP_SYS_ADMIN as a rule). Belongs to one thread. See loop(4).
 class KIV_EXPORT LoopDevice {
  public:
-  /// Attaches `file` to a free loop device, to be read and written, from byte `offset` to its end; the kernel wants a
-  /// multiple of the device's block size, 512 bytes as a rule.
+  /// Attaches `file` to a free loop device, to be read and written, from byte `offset` to its end. The device has whole
+  /// blocks of 512 bytes, so that a shorter rest of the file is not in it.
   ///
   /// The object is empty when any step failed, with errno of the failing call. Another process may take the free device
   /// first; that too is a failure, and there is no second try. The device's descriptor is not close-on-exec.
@@ -147,7 +148,8 @@ class KIV_EXPORT LoopDevice {
   /// user closes it. Does nothing when the object is empty.
   void Close();
 
-  /// Returns the path of the device, such as "/dev/loop3"; empty when nothing is attached. Valid as long as the object.
+  /// Returns the path of the device, such as "/dev/loop3"; empty when nothing is attached. The reference is valid as
+  /// long as the object; the text changes with what is attached.
   const std::string& GetPath() const { return mPath; }
 
   /// Tells whether a file is attached.

@@ -8,7 +8,7 @@
 
 /// Named POSIX shared memory and semaphores, by which programs on one machine share state. Names begin with '/' and
 /// have no other one: see shm_overview(7) and sem_overview(7). Objects in the kernel outlive their users, until Remove
-/// or the end of the machine. Failures leave errno as the failing call set it. Each object belongs to one thread.
+/// or a reboot. Failures leave errno as the failing call set it. Each object belongs to one thread.
 namespace kiv::ipc {
 
 /// Owns a mapping, to be read and written, of a named shared memory object.
@@ -17,8 +17,8 @@ namespace kiv::ipc {
 class KIV_EXPORT SharedMemory {
  public:
   /// With a `size` in bytes above 0, creates the object with permissions `mode` less the umask, or takes the existing
-  /// one and throws its contents away; its bytes are zero then. With a `size` of 0, opens the existing object whole;
-  /// `mode` does not matter.
+  /// one and throws its contents away; its bytes are zero then. With a `size` of 0, opens the existing object whole (of
+  /// 4 GiB and more, what the low 32 bits of its size say); `mode` does not matter.
   ///
   /// The object is empty when the name is empty or does not begin with '/', when any call failed, and when what exists
   /// has no bytes. Existing mappings see a new size at once: a process that touches pages behind it dies of SIGBUS.
@@ -46,7 +46,7 @@ class KIV_EXPORT SharedMemory {
   /// with errno of shm_unlink(3), when there is none or it may not be removed.
   static bool Remove(const std::string& name);
 
-  /// Returns the first byte of the mapping, aligned to a page; MAP_FAILED when nothing is mapped.
+  /// Returns the first byte of the mapping, aligned to a page; MAP_FAILED (<sys/mman.h>) when nothing is mapped.
   void* GetAddress() const { return mAddress; }
 
   /// Returns the bytes mapped. Without a mapping, it says nothing.
@@ -65,8 +65,8 @@ class KIV_EXPORT SharedMemory {
 /// Owns one use of a named semaphore, a counter that processes wait for.
 class KIV_EXPORT Semaphore {
  public:
-  /// Creates the semaphore with the count `value` and permissions `mode` less the umask; when the name exists, opens
-  /// that one, with the count and permissions that it has.
+  /// Creates the semaphore with the count `value`, at most SEM_VALUE_MAX, and permissions `mode` less the umask; when
+  /// the name exists, opens that one, with the count and permissions that it has.
   ///
   /// The object is empty when the name is empty or does not begin with '/', and when a call failed; one that is removed
   /// by another process between the two attempts is such a failure.
@@ -100,8 +100,7 @@ class KIV_EXPORT Semaphore {
   void Swap(Semaphore& other) noexcept;
 
   /// Removes the name; who has the semaphore open keeps it. Returns false for a name that is empty or does not begin
-  /// with
-  /// '/', and, with errno of sem_unlink(3), when there is none or it may not be removed.
+  /// with a slash, and, with errno of sem_unlink(3), when there is none or it may not be removed.
   static bool Remove(const std::string& name);
 
   /// Tells whether there is a semaphore.

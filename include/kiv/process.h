@@ -7,15 +7,17 @@
 #include <vector>
 
 /// Running programs, becoming a daemon, and finding processes. Nothing is logged; errno stays as the failing system
-/// call set it. Where nothing else is said, any thread may call.
+/// call set it, where the caller's own call is what failed. Where nothing else is said, any thread may call; a thread
+/// that runs a program must not be cancelled.
 namespace kiv::process {
 
 /// What a program left behind.
 struct ExecResult {
-  std::string output;  ///< What it wrote to standard output and standard error, in the order of writing.
+  /// What it wrote to standard output and standard error, in the order of writing; always empty for ExecWait.
+  std::string output;
   /// Its exit code, 0 to 255; 128 plus the signal number when a signal killed it; 127 when it could not be started, or
   /// when its end could not be learned (a caller that ignores SIGCHLD makes the kernel forget it).
-  int exitCode;
+  int exitCode = 127;
 };
 
 /// Runs a program and waits for its end, with standard output and standard error in files.
@@ -27,7 +29,7 @@ struct ExecResult {
 /// The program has no standard input (descriptor 0 is closed), no descriptor of the caller above 2, no blocked signal,
 /// and the caller's ignored ones. Returns an empty output and the exit code; a file that cannot be opened gives 127, as
 /// does a program. Blocks without limit until the program ends; signals (EINTR) do not end the wait. The caller should
-/// have descriptors 0, 1 and 2 open, on /dev/null for instance.
+/// have descriptors 0, 1 and 2 open, on /dev/null for instance. A FIFO as a file waits for a reader.
 KIV_EXPORT ExecResult ExecWait(const std::string& path, const std::vector<std::string>& args,
                                const std::string& stdoutFile, const std::string& stderrFile);
 
@@ -40,8 +42,9 @@ KIV_EXPORT ExecResult ExecWait(const std::string& path, const std::vector<std::s
 /// SIGPIPE when it writes on. Install handlers with SA_RESTART, or block signals as EventLoop::BlockSignals does.
 KIV_EXPORT ExecResult ExecWaitCapture(const std::string& path, const std::vector<std::string>& args);
 
-/// Starts a program that lives on by itself: in a session of its own, with descriptors 0, 1 and 2 on /dev/null, and as
-/// a child of the system's reaper. `path` and `args` are those of ExecWait.
+/// Starts a program that lives on by itself: in a session of its own, with descriptors 0, 1 and 2 on /dev/null (the
+/// caller's own where that cannot be opened), and as a child of the system's reaper. `path` and `args` are those of
+/// ExecWait, and so are the signals and the other descriptors.
 ///
 /// Returns false only when the first fork(2) fails. Whether the program could be started is not learned. Blocks for no
 /// longer than a short-lived child takes.
@@ -56,7 +59,7 @@ KIV_EXPORT bool StartProcessDetached(const std::string& path, const std::vector<
 /// not learn whether the daemon got ready: when a later step fails, the child ends with status 1.
 KIV_EXPORT int Daemonize();
 
-/// Drops the supplementary groups, then sets group and user of the whole process, for good.
+/// Drops the supplementary groups, then sets group and user of the whole process, for good unless `uid` is 0.
 ///
 /// Returns true only when the real and effective ids are those asked for afterwards. After false the process may have
 /// lost some of its rights already: end it.
@@ -68,20 +71,21 @@ KIV_EXPORT bool DropRootPrivileges(unsigned int uid, unsigned int gid);
 /// process that locked it: a forked child must not run the destructor.
 class KIV_EXPORT PidFile {
  public:
-  /// Remembers the path; touches no file.
-  explicit PidFile(const std::string& path);
+  /// Remembers the path, which should be absolute: it is used again at the end. Touches no file.
+  PidFile(const std::string& path);
   PidFile(const PidFile&) = delete;
   PidFile& operator=(const PidFile&) = delete;
 
-  /// Unlocks, closes and removes the file, when it is locked.
+  /// Unlocks, closes and removes the file, when it is locked; what has the path by then is removed.
   ~PidFile();
 
   /// Creates the file, with mode 0644 less the umask, or opens it, takes the lock without waiting, and writes the
   /// process id. Call it once.
   ///
   /// Returns true when this object holds the file. Returns false, with nothing left open, when the lock is held, when
-  /// the file names a live process (any live process: only the number is known), or when a step fails. Everything but
-  /// the number of a live process counts as stale and is overwritten, a number with a newline behind it included.
+  /// the file names a live process (any live process or thread: only the number is known), or when a step fails; errno
+  /// then says why only if a call failed, and a file that was stale may be empty. Everything but the number of a live
+  /// process counts as stale and is overwritten, a number with a newline behind it included. Reading a FIFO waits.
   bool Lock();
 
  private:
@@ -91,10 +95,12 @@ class KIV_EXPORT PidFile {
 };
 
 /// Returns the short name of a process as the kernel keeps it, at most 15 bytes of whatever value (/proc/PID/comm, see
-/// proc(5)); empty when there is no such process.
+/// proc(5)); longer names, which only threads of the kernel have, are cut. The id of a thread gives the thread's name.
+/// Returns an empty text, with errno, when there is no such process or it cannot be read, and for an empty name.
 KIV_EXPORT std::string GetProcessName(int pid);
 
-/// Returns the short name of the parent of this process.
+/// Returns the short name of the parent of this process; empty when it cannot be read, a parent outside this process's
+/// pid namespace included.
 KIV_EXPORT std::string GetParentName();
 
 /// Returns the ids of all processes with this short name, in the order of /proc, the calling process included when it
@@ -102,14 +108,15 @@ KIV_EXPORT std::string GetParentName();
 /// ends in a newline is read without it. None match an empty name. Empty on failure, too.
 KIV_EXPORT std::vector<int> GetPidsOf(const std::string& name);
 
-/// Sends `signal` to all processes with one of these short names, the calling process included when it matches.
+/// Sends `signal` to all processes with one of these short names, the calling process included when it matches. Signal
+/// 0 sends nothing and tells whether there is one that may be signalled.
 ///
 /// Returns true when at least one was signalled, and when `names` is empty; false otherwise. Does not wait for their
 /// end. A process id may be taken by another process between look-up and signal.
 KIV_EXPORT bool KillByName(const std::vector<std::string>& names, int signal);
 
 /// Tells whether there is a process with this id, whoever owns it; one that has ended and was not waited for counts.
-/// Ids below 1 are no processes.
+/// So does the id of a thread. Ids below 1 are no processes. errno may be EPERM after true.
 KIV_EXPORT bool IsProcessAlive(int pid);
 
 }  // namespace kiv::process
