@@ -1,3 +1,5 @@
+#include "fs/path.h"
+
 #include <kiv/fs.h>
 
 namespace kiv::fs {
@@ -20,9 +22,6 @@ std::string Dirname(const std::string& path) {
 
 // Deliberate: slashes at the end stay, unlike in Dirname, so that a path that names a directory by its slash has no
 // base name.
-std::string Basename(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
+std::string Basename(const std::string& path) { return path.substr(StartOfBasename(path)); }
 
 }  // namespace kiv::fs

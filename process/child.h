@@ -7,7 +7,7 @@
 /// What happens in a child between fork(2) and the program.
 ///
 /// The caller's other threads are gone there, and what they held locked stays locked for ever. So this code takes no
-/// lock of theirs but the allocator's, which the C library hands over to the child in order.
+/// lock at all, that of the allocator included.
 namespace kiv::process {
 
 /// Makes the calling process the program `path`. Never returns: ends the process with status 127 when that fails, and

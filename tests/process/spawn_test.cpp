@@ -19,15 +19,11 @@
 namespace kiv::process {
 namespace {
 
-// The address sanitizer makes every child a dozen milliseconds dearer. And a child that was forked while another thread
-// was in its allocator waits for ever at its first own allocation; the C library's is handed over to a child in order.
-// So one thread is all that can be had there.
-struct Load {
-  int children;
-  int threads;
-  std::size_t allocatingThreads;
-};
+constexpr int kThreads = 8;
+constexpr std::size_t kAllocatingThreads = 2;
 
+// The address sanitizer makes every child a dozen milliseconds dearer. Its allocator, unlike the C library's, is not
+// put in order in a child: one that allocated anything would wait for ever if another thread had been in the allocator.
 #if defined(__SANITIZE_ADDRESS__)
 #define KIV_HAS_ADDRESS_SANITIZER
 #elif defined(__has_feature)
@@ -36,19 +32,18 @@ struct Load {
 #endif
 #endif
 #ifdef KIV_HAS_ADDRESS_SANITIZER
-constexpr Load kLoad{800, 1, 0};
+constexpr int kChildren = 800;
 #else
-constexpr Load kLoad{10000, 8, 2};
+constexpr int kChildren = 10000;
 #endif
 
-constexpr int kChildren = kLoad.children;
 constexpr int kExitCodes = 100;
 
 // Keeps the allocator and its locks busy, so that children are forked in the middle of its work.
 class AllocationLoad {
  public:
   AllocationLoad() {
-    while (mThreads.size() < kLoad.allocatingThreads) {
+    while (mThreads.size() < kAllocatingThreads) {
       mThreads.emplace_back([this] { Run(); });
     }
   }
@@ -78,7 +73,7 @@ template <typename Call>
 void OnAllThreads(int count, Call call) {
   std::atomic<int> next{0};
   std::vector<std::thread> threads;
-  for (int i = 0; i < kLoad.threads; ++i) {
+  for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&] {
       for (int number = next++; number < count; number = next++) {
         call(number);
