@@ -25,6 +25,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -34,7 +35,9 @@
 #include <ctime>
 #include <initializer_list>
 #include <iterator>
+#include <new>
 #include <optional>
+#include <sstream>
 #include <utility>
 
 namespace kiv::test {
@@ -42,13 +45,44 @@ namespace {
 
 // Plain pointers: the calls below also come before main and while a thread ends.
 thread_local CallLog* currentLog = nullptr;
+thread_local ChildCallLog* currentChildLog = nullptr;
 thread_local ResolverAnswer* currentAnswer = nullptr;
 thread_local InterfaceList* currentInterfaces = nullptr;
 thread_local std::vector<Fault*>* currentFaults = nullptr;
 
+// How many calls of fork lie between the first process and this one.
+unsigned currentGeneration = 0;
+
+constexpr std::size_t kCounters = 1024;
+
+void* MapShared(std::size_t size) {
+  void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) {
+    std::abort();
+  }
+  return memory;
+}
+
+// What a Fault has still to count, in memory that children share: a parent sees that the call of its child came.
+unsigned* NextCounter() {
+  static unsigned next = 0;
+  static auto* const counters = static_cast<unsigned*>(MapShared(kCounters * sizeof(unsigned)));
+  return &counters[next++ % kCounters];
+}
+
+// Mapped before a log could note it.
+[[maybe_unused]] const unsigned* const firstCounter = NextCounter();
+
 void Note(const char* name, const std::initializer_list<long long>& args, const void* data, std::size_t size) {
+  if (currentLog == nullptr && currentChildLog == nullptr) {
+    return;
+  }
+  CallRecord record{name, args, data == nullptr ? "" : std::string(static_cast<const char*>(data), size)};
+  if (currentChildLog != nullptr) {
+    currentChildLog->Note(record);
+  }
   if (currentLog != nullptr) {
-    currentLog->Note({name, args, data == nullptr ? "" : std::string(static_cast<const char*>(data), size)});
+    currentLog->Note(std::move(record));
   }
 }
 
@@ -154,8 +188,56 @@ std::vector<CallRecord> CallLog::Of(const std::string& name) const {
   return found;
 }
 
-Fault::Fault(std::string name, long long result, int error, unsigned nth, std::string bytes)
-    : mName(std::move(name)), mResult(result), mError(error), mRemaining(nth), mBytes(std::move(bytes)) {
+struct ChildCallLog::Page {
+  std::atomic<std::size_t> used;
+  char text[1 << 16];
+};
+
+ChildCallLog::ChildCallLog() : mGeneration(currentGeneration), mPage(static_cast<Page*>(MapShared(sizeof(Page)))) {
+  currentChildLog = this;
+}
+
+ChildCallLog::~ChildCallLog() {
+  currentChildLog = nullptr;
+  (void)::munmap(mPage, sizeof(Page));
+}
+
+void ChildCallLog::Note(const CallRecord& record) {
+  if (currentGeneration == mGeneration) {
+    return;
+  }
+  std::string line = std::to_string(currentGeneration - mGeneration) + " " + record.name;
+  for (const long long arg : record.args) {
+    line += " " + std::to_string(arg);
+  }
+  line += record.data.empty() ? "\n" : " " + record.data + "\n";
+  const std::size_t start = mPage->used.fetch_add(line.size());
+  if (start + line.size() > sizeof mPage->text) {
+    std::abort();
+  }
+  (void)line.copy(mPage->text + start, line.size());
+}
+
+std::vector<std::string> ChildCallLog::Lines(unsigned generation) const {
+  const std::string prefix = std::to_string(generation) + " ";
+  std::istringstream text(std::string(mPage->text, mPage->used));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) {
+    if (line.compare(0, prefix.size(), prefix) == 0) {
+      lines.push_back(line.substr(prefix.size()));
+    }
+  }
+  return lines;
+}
+
+Fault::Fault(std::string name, long long result, int error, unsigned nth, std::string bytes, unsigned generation)
+    : mName(std::move(name)),
+      mResult(result),
+      mError(error),
+      mGeneration(currentGeneration + generation),
+      mRemaining(NextCounter()),
+      mBytes(std::move(bytes)) {
+  *mRemaining = nth;
   if (currentFaults == nullptr) {
     currentFaults = new std::vector<Fault*>;
   }
@@ -167,18 +249,22 @@ Fault::~Fault() {
   if (currentFaults->empty()) {
     delete std::exchange(currentFaults, nullptr);
   }
-  EXPECT_EQ(mRemaining, 0U) << mName << " was to fail and was not called often enough";
+  EXPECT_EQ(*mRemaining, 0U) << mName << " was to fail and was not called often enough";
 }
 
 bool Fault::Takes(const std::string& name) {
-  if (name != mName || mRemaining == 0) {
+  if (name != mName || mGeneration != currentGeneration || *mRemaining == 0) {
     return false;
   }
-  --mRemaining;
-  return mRemaining == 0;
+  --*mRemaining;
+  return *mRemaining == 0;
 }
 
 Fault FailCall(const std::string& name, int error, unsigned nth) { return {name, MarkOfFailure(name), error, nth}; }
+
+Fault FailInChild(const std::string& name, int error, unsigned nth, unsigned generation) {
+  return {name, MarkOfFailure(name), error, nth, "", generation};
+}
 
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth) { return {name, result, 0, nth}; }
 
@@ -260,6 +346,7 @@ void InterfaceList::Free(const ifaddrs* list) {
 }  // namespace kiv::test
 
 using kiv::test::currentAnswer;
+using kiv::test::currentGeneration;
 using kiv::test::currentInterfaces;
 using kiv::test::Intercept;
 using kiv::test::InterceptGiving;
@@ -305,6 +392,18 @@ int sigprocmask(int how, const sigset_t* set, sigset_t* old) noexcept {
   static const auto next = NEXT(sigprocmask);
   const auto instead = Intercept("sigprocmask", {how}, set, sizeof *set);
   return instead ? static_cast<int>(*instead) : next(how, set, old);
+}
+
+// A call that only asks for the mask is not noted: tests ask, the library does not.
+int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept {
+  static const auto next = NEXT(pthread_sigmask);
+  const bool isRefused = set != nullptr && Intercept("pthread_sigmask", {how, sigisemptyset(set)});
+  return isRefused ? errno : next(how, set, old);
+}
+
+sighandler_t signal(int signo, sighandler_t handler) noexcept {
+  static const auto next = NEXT(signal);
+  return Intercept("signal", {signo, handler == SIG_IGN}) ? SIG_ERR : next(signo, handler);
 }
 
 int poll(pollfd* entries, nfds_t count, int timeout) {
@@ -568,7 +667,19 @@ DIR* opendir(const char* path) {
 
 dirent* readdir(DIR* stream) {
   static const auto next = NEXT_AS(readdir, OffsetName("readdir64", "readdir"));
-  return Intercept("readdir", {}) ? nullptr : next(stream);
+  static thread_local dirent invented;
+  invented = {};
+  const auto instead = InterceptGiving("readdir", {}, invented.d_name, sizeof invented.d_name - 1);
+  if (!instead) {
+    return next(stream);
+  }
+  return *instead > 0 ? &invented : nullptr;
+}
+
+ssize_t getdents64(int fd, void* buffer, size_t size) noexcept {
+  static const auto next = NEXT(getdents64);
+  const auto instead = InterceptGiving("getdents64", {fd, static_cast<long long>(size)}, buffer, size);
+  return instead ? static_cast<ssize_t>(*instead) : next(fd, buffer, size);
 }
 
 int closedir(DIR* stream) {
@@ -637,7 +748,11 @@ int flock(int fd, int operation) noexcept {
 pid_t fork() noexcept {
   static const auto next = NEXT(fork);
   const auto instead = Intercept("fork", {});
-  return instead ? static_cast<pid_t>(*instead) : next();
+  const pid_t child = instead ? static_cast<pid_t>(*instead) : next();
+  if (child == 0) {
+    ++currentGeneration;
+  }
+  return child;
 }
 
 int execvp(const char* path, char* const* args) noexcept {
@@ -798,6 +913,16 @@ int sem_post(sem_t* handle) noexcept {
   static const auto next = NEXT(sem_post);
   const auto instead = Intercept("sem_post", {});
   return instead ? static_cast<int>(*instead) : next(handle);
+}
+
+void* operator new(std::size_t size) {
+  // As the ABI names it: with the letter of std::size_t.
+  static const auto next =
+      reinterpret_cast<void* (*)(std::size_t)>(Next(sizeof size > sizeof(unsigned int) ? "_Znwm" : "_Znwj"));
+  if (Replace("new")) {
+    throw std::bad_alloc();
+  }
+  return next(size);
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

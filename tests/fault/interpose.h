@@ -5,6 +5,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,10 +46,33 @@ class CallLog {
   std::vector<CallRecord> mRecords;
 };
 
+/// Notes the calls made by the children of this process and by theirs while it exists. Only one at a time. Read it when
+/// they have ended.
+class ChildCallLog {
+ public:
+  ChildCallLog();
+  ChildCallLog(const ChildCallLog&) = delete;
+  ChildCallLog& operator=(const ChildCallLog&) = delete;
+  ~ChildCallLog();
+
+  void Note(const CallRecord& record);
+
+  /// Returns the calls of the children (1), or of the children's children (2), in their order, as lines of text: the
+  /// name, the numbers, and the bytes handed over, with a blank between.
+  std::vector<std::string> Lines(unsigned generation = 1) const;
+
+ private:
+  struct Page;
+
+  unsigned mGeneration;
+  Page* mPage;
+};
+
 /// Decides the result of one call that is still to come. Fails the test when that call never came.
 class Fault {
  public:
-  Fault(std::string name, long long result, int error, unsigned nth, std::string bytes = "");
+  /// Acts on the process that makes it; with a `generation` of 1 on its children instead, with 2 on theirs.
+  Fault(std::string name, long long result, int error, unsigned nth, std::string bytes = "", unsigned generation = 0);
   Fault(const Fault&) = delete;
   Fault& operator=(const Fault&) = delete;
   ~Fault();
@@ -64,22 +88,28 @@ class Fault {
   std::string mName;
   long long mResult;
   int mError;
-  unsigned mRemaining;
+  unsigned mGeneration;
+  unsigned* mRemaining;  ///< Shared with the children.
   std::string mBytes;
 };
 
 /// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel, and return what
 /// marks a failure: EAI_SYSTEM from getaddrinfo and getnameinfo, 0 or null from the calls for interface names, null
-/// from opendir, readdir and sem_open, MAP_FAILED from mmap, -1 from all others. Two differ: close and closedir do
-/// close before they report the error, as Linux does. A child of fork has the faults that were still to come.
+/// from opendir, readdir and sem_open, MAP_FAILED from mmap, the error itself from pthread_sigmask, -1 from all others.
+/// Two differ: close and closedir do close before they report the error, as Linux does. "new" is the operator, which
+/// throws std::bad_alloc; make that Fault last, and no log beside it, since both need memory.
 Fault FailCall(const std::string& name, int error, unsigned nth = 1);
+
+/// Makes the `nth` call of `name` that a child of this process makes fail in the same way; in a child's child with a
+/// `generation` of 2.
+Fault FailInChild(const std::string& name, int error, unsigned nth = 1, unsigned generation = 1);
 
 /// Makes the `nth` call of `name` from now on return `result` without reaching the kernel.
 Fault ReturnFrom(const std::string& name, long long result, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` from now on give these bytes, and no more, without reaching the kernel. For read,
 /// recv, recvfrom and if_indextoname, which return their number (the last one a text made of them), and for ioctl,
-/// gethostname, fstat and statfs, which return 0.
+/// gethostname, fstat and statfs, which return 0. From readdir it is an entry of that name.
 Fault GiveFrom(const std::string& name, const std::string& bytes, unsigned nth = 1);
 
 /// Makes the next read give these bytes, and no more, whatever the descriptor has.
