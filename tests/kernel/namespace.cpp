@@ -1,9 +1,13 @@
 #include "tests/kernel/namespace.h"
 
+#include <fcntl.h>
 #include <linux/capability.h>
+#include <linux/loop.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -59,6 +63,20 @@ std::string WithRealIp(const std::string& command) {
   return place == kPlaces.end() ? command : "ip() { " + std::string(*place) + " \"$@\"; }\n" + command;
 }
 
+// Empty when a loop device can be attached.
+std::string WhyNoLoopDevice() {
+  const internal::UniqueFd control(::open("/dev/loop-control", O_RDWR | O_CLOEXEC));
+  if (!control.IsValid()) {
+    return std::string("/dev/loop-control: ") + std::strerror(errno);
+  }
+  const int number = ::ioctl(control.Get(), LOOP_CTL_GET_FREE);
+  if (number < 0) {
+    return std::string("no free loop device: ") + std::strerror(errno);
+  }
+  const std::string path = "/dev/loop" + std::to_string(number);
+  return ::access(path.c_str(), R_OK | W_OK) == 0 ? "" : path + ": " + std::strerror(errno);
+}
+
 std::string ProcNetPath() { return "/proc/" + std::to_string(::getpid()) + "/net"; }
 
 nlohmann::json ParseJson(const std::string& text) {
@@ -90,6 +108,59 @@ void KernelTest::NeedKind(const std::string& kind) {
   if (mReady && !KernelHas(kind)) {
     GTEST_SKIP() << "this kernel has no link kind " << kind;
   }
+}
+
+void MountTest::SetUp() {
+  KernelTest::SetUp();
+  if (IsReady()) {
+    ASSERT_EQ(::mount("tmpfs", mFolder.Path().c_str(), "tmpfs", 0, "size=64m"), 0) << std::strerror(errno);
+  }
+}
+
+void MountTest::TearDown() {
+  if (IsReady()) {
+    (void)::umount2(mFolder.Path().c_str(), MNT_DETACH);
+  }
+  KernelTest::TearDown();
+}
+
+bool MountTest::NeedLoopDevices() {
+  const std::string why = WhyNoLoopDevice();
+  if (!why.empty()) {
+    [&why] { GTEST_SKIP() << why; }();
+  }
+  return why.empty();
+}
+
+bool MountTest::NeedFilesystem(const std::string& type) {
+  const std::string probe = At("probe");
+  (void)::mkdir(probe.c_str(), 0700);
+  const bool isMounted = ::mount("none", probe.c_str(), type.c_str(), 0, nullptr) == 0;
+  // Anything else is said about the device, which a type that is known and allowed may ask for.
+  const bool isThere = isMounted || (errno != ENODEV && errno != EPERM);
+  if (isMounted) {
+    (void)::umount2(probe.c_str(), MNT_DETACH);
+  }
+  (void)::rmdir(probe.c_str());
+  if (!isThere) {
+    [&type] { GTEST_SKIP() << "this kernel has no filesystem " << type << " for this user"; }();
+  }
+  return isThere;
+}
+
+std::string MountTest::Mount(const std::string& type, const std::string& name, const std::string& options) const {
+  const std::string path = At(name);
+  EXPECT_EQ(::mkdir(path.c_str(), 0700), 0) << path;
+  EXPECT_EQ(::mount("none", path.c_str(), type.c_str(), 0, options.c_str()), 0)
+      << type << ' ' << options << ": " << std::strerror(errno);
+  return path;
+}
+
+std::string MountTest::MountExt4(const std::string& name, const std::string& options) const {
+  const std::string path = At(name);
+  (void)Shell("mkdir " + path + " && truncate -s 16M " + path + ".img && mkfs.ext4 -q " + options + ' ' + path +
+              ".img && mount -t ext4 -o loop " + path + ".img " + path);
+  return path;
 }
 
 OtherNamespace::OtherNamespace() {
@@ -179,18 +250,20 @@ bool IsTrueInChild(const std::function<bool()>& claim) {
   const pid_t child = ::fork();
   if (child == 0) {
     (void)::alarm(60);
-    ::_exit(claim() ? 0 : 1);
+    ::_exit([&claim]() noexcept { return claim(); }() ? 0 : 1);
   }
   int status = -1;
   return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
+bool DropCapabilities() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  const __user_cap_data_struct none[2] = {};
+  return ::syscall(SYS_capset, &header, none) == 0;
+}
+
 bool IsTrueUnprivileged(const std::function<bool()>& claim) {
-  return IsTrueInChild([&claim] {
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    const __user_cap_data_struct none[2] = {};
-    return ::syscall(SYS_capset, &header, none) == 0 && claim();
-  });
+  return IsTrueInChild([&claim] { return DropCapabilities() && claim(); });
 }
 
 ProcNet::ProcNet() {

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "internal/unique_fd.h"
+#include "tests/support.h"
 
 /// The real kernel, in namespaces that the tests make for themselves. Nothing here touches the machine's own
 /// interfaces, mounts or host name.
@@ -30,6 +31,34 @@ class KernelTest : public testing::Test {
 
  private:
   bool mReady = false;
+};
+
+/// As KernelTest, with an empty tmpfs of 64 MiB below /tmp for files and mount points. What a case has mounted in it
+/// goes with it.
+class MountTest : public KernelTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  /// Skips the case, wherever it runs, and returns false when this machine has no loop device to attach.
+  bool NeedLoopDevices();
+
+  /// Skips the case, wherever it runs, and returns false when this kernel has no filesystem of that type for this user.
+  bool NeedFilesystem(const std::string& type);
+
+  /// Returns the path of `name` in the tmpfs.
+  std::string At(const std::string& name) const { return mFolder.Path() + '/' + name; }
+
+  /// Makes the folder `name` in the tmpfs, mounts a filesystem that needs no device on it, and returns its path. See
+  /// mount(8) for the options.
+  std::string Mount(const std::string& type, const std::string& name, const std::string& options = "") const;
+
+  /// Makes an ext4 image of 16 MiB, mounts it on the folder `name` in the tmpfs through a loop device that is detached
+  /// when it is unmounted, and returns the folder's path. See mkfs.ext4(8) for the options.
+  std::string MountExt4(const std::string& name, const std::string& options = "") const;
+
+ private:
+  TempFolder mFolder;
 };
 
 /// A second network namespace, held by a process that sleeps in it until the object ends.
@@ -73,6 +102,10 @@ bool KernelHas(const std::string& kind);
 
 /// Returns what `claim` returns in a child process; one that dies, or lives for a minute, counts as false.
 bool IsTrueInChild(const std::function<bool()>& claim);
+
+/// Takes all capabilities from this process, for good. Its user stays: files of others are closed to it, its own ones
+/// as their modes say.
+bool DropCapabilities();
 
 /// As IsTrueInChild, in a child that has no capability left.
 bool IsTrueUnprivileged(const std::function<bool()>& claim);
