@@ -5,23 +5,17 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/printable.h"
 #include "http.h"
 
 namespace {
 
-constexpr kiv::net::Milliseconds kSweepInterval(250);
-constexpr kiv::net::Milliseconds kNetworkInterval(1000);
+constexpr kiv::net::Milliseconds kTickInterval(250);
 constexpr kiv::net::Milliseconds kReportInterval(1000);
 
 }  // namespace
 
-void Complain(const std::string& message) {
-  std::string line = "statusd: " + message;
-  for (char& c : line) {
-    c = static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c;
-  }
-  std::fprintf(stderr, "%s\n", line.c_str());
-}
+void Complain(const std::string& message) { std::fprintf(stderr, "statusd: %s\n", Printable(message).c_str()); }
 
 Daemon::Daemon(const CommandLine& commandLine, const Settings& settings)
     : mCommandLine(commandLine),
@@ -29,28 +23,90 @@ Daemon::Daemon(const CommandLine& commandLine, const Settings& settings)
       mPasses(mLoop, mStatus.loopPasses),
       mServer(mLoop, mPasses, [this](const std::string& input) { return Answer(input); }),
       mPeer(mLoop, mStatus.peer),
-      mNetwork(mLoop, mStatus.network) {}
+      mNetwork(mLoop, mStatus.network),
+      mProcesses(mLoop, mStatus.processes),
+      mCommand(mLoop, mStatus.command),
+      mPublication(mStatus.share) {}
 
+// The pid file and a port below 1024 may need root. Threads come after the rights of root have been dropped, so that no
+// line of theirs ever has them; so do the objects in shared memory, which then belong to the user that removes them.
 bool Daemon::Start() {
-  if (!mServer.Listen(mSettings.listenIp, mSettings.listenPort)) {
-    Complain("cannot listen on " + mSettings.listenIp + ":" + std::to_string(mSettings.listenPort) + ": " +
-             std::strerror(errno));
+  if (!LockPidFile() || !Listen() || !DropPrivileges() || !StartThreads() || !OpenShare(mSettings.share)) {
     return false;
   }
-  mLoop.AddSignal(SIGTERM, [this](int) { Stop(); });
-  mLoop.AddSignal(SIGINT, [this](int) { Stop(); });
-  mLoop.AddSignal(SIGHUP, [this](int) { Reload(); });
-  Every(kSweepInterval, &Daemon::Sweep);
-  Every(kNetworkInterval, &Daemon::LookAtNetwork);
-  if (mCommandLine.report) {
-    Every(kReportInterval, &Daemon::Report);
-  }
+  StartSignals();
+  StartTimers();
   Apply(mSettings);
   FetchPeer();
-  LookAtNetwork();
+  Publish();
   std::printf("listening on %s\n", mServer.Url().c_str());
   std::fflush(stdout);
   return true;
+}
+
+bool Daemon::LockPidFile() {
+  if (!mCommandLine.pidFile) {
+    return true;
+  }
+  mPidFile.emplace(*mCommandLine.pidFile);
+  errno = 0;
+  if (mPidFile->Lock()) {
+    return true;
+  }
+  // No call has failed, or only the one that asks for the lock, or that asks whether another user's process lives.
+  const bool isHeld = errno == 0 || errno == EWOULDBLOCK || errno == EPERM;
+  Complain("cannot lock the pid file " + *mCommandLine.pidFile + ": " +
+           (isHeld ? "it belongs to a process that is running" : std::strerror(errno)));
+  return false;
+}
+
+bool Daemon::Listen() {
+  if (mServer.Listen(mSettings.listenIp, mSettings.listenPort)) {
+    return true;
+  }
+  Complain("cannot listen on " + mSettings.listenIp + ":" + std::to_string(mSettings.listenPort) + ": " +
+           std::strerror(errno));
+  return false;
+}
+
+bool Daemon::DropPrivileges() {
+  const std::optional<User>& user = mCommandLine.user;
+  if (!user || kiv::process::DropRootPrivileges(user->uid, user->gid)) {
+    return true;
+  }
+  Complain("cannot become user " + std::to_string(user->uid) + " and group " + std::to_string(user->gid) + ": " +
+           std::strerror(errno));
+  return false;
+}
+
+bool Daemon::StartThreads() {
+  if (mPeer.Start() && mNetwork.Start() && mProcesses.Start()) {
+    return true;
+  }
+  Complain(std::string("cannot start a thread: ") + std::strerror(errno));
+  return false;
+}
+
+bool Daemon::OpenShare(const std::string& name) {
+  if (mPublication.Open(name)) {
+    return true;
+  }
+  Complain("cannot publish at " + name + ": " + std::strerror(errno));
+  return false;
+}
+
+void Daemon::StartSignals() {
+  for (const int signo : {SIGTERM, SIGINT, SIGQUIT}) {
+    mLoop.AddSignal(signo, [this](int) { Stop(); });
+  }
+  mLoop.AddSignal(SIGHUP, [this](int) { Reload(); });
+}
+
+void Daemon::StartTimers() {
+  Every(kTickInterval, &Daemon::Tick);
+  if (mCommandLine.report) {
+    Every(kReportInterval, &Daemon::Report);
+  }
 }
 
 bool Daemon::Run() {
@@ -75,16 +131,23 @@ unsigned Daemon::Every(kiv::net::Milliseconds interval, void (Daemon::*step)()) 
   });
 }
 
+void Daemon::SetInterval(unsigned& timer, long Settings::*interval, const Settings& settings, void (Daemon::*step)()) {
+  if (timer != 0 && settings.*interval == mSettings.*interval) {
+    return;
+  }
+  mLoop.RemoveTimer(timer);
+  timer = Every(kiv::net::Milliseconds(settings.*interval), step);
+}
+
 void Daemon::Apply(const Settings& settings) {
-  const bool newInterval = settings.intervalMs != mSettings.intervalMs || mFetchTimer == 0;
+  SetInterval(mFetchTimer, &Settings::intervalMs, settings, &Daemon::FetchPeer);
+  SetInterval(mCommandTimer, &Settings::commandIntervalMs, settings, &Daemon::RunCommand);
   mSettings = settings;
   mStatus.name = settings.name;
   mServer.SetLimits(static_cast<std::size_t>(settings.maxClients), kiv::net::Milliseconds(settings.clientDeadlineMs));
   mPeer.Watch(settings.peer, kiv::net::Milliseconds(settings.timeoutMs), kiv::net::Milliseconds(settings.slowMs));
-  if (newInterval) {
-    mLoop.RemoveTimer(mFetchTimer);
-    mFetchTimer = Every(kiv::net::Milliseconds(settings.intervalMs), &Daemon::FetchPeer);
-  }
+  mProcesses.Watch(settings.watched, kiv::net::Milliseconds(settings.restartDelayMs));
+  mCommand.Watch(settings.command);
 }
 
 void Daemon::Reload() {
@@ -100,12 +163,36 @@ void Daemon::Reload() {
     settings.listenIp = mSettings.listenIp;
     settings.listenPort = mSettings.listenPort;
   }
+  if (settings.share != mSettings.share) {
+    (void)OpenShare(settings.share);  // It says so itself when that fails, and tries again now and then.
+  }
   Apply(settings);
+  Publish();
 }
 
-void Daemon::Sweep() {
+// What is done once a second is spread over four ticks, so that a small processor is never busy for long. The fourth is
+// left to the timers with an interval of their own, which is mostly one of whole seconds.
+void Daemon::Tick() {
   mServer.Sweep();
   mPeer.Sweep();
+  switch (++mTicks % 4) {
+    case 1:
+      mNetwork.Look();
+      break;
+    case 2:
+      mProcesses.Look();
+      break;
+    case 3:
+      Publish();
+      break;
+    default:
+      break;
+  }
+}
+
+void Daemon::Publish() {
+  mStatus.clients = mServer.ClientCount();
+  mPublication.Publish(mStatus, mServer.Url());
 }
 
 void Daemon::Report() {

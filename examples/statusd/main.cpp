@@ -1,6 +1,13 @@
+#include <fcntl.h>
+#include <kiv/process.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 
+#include "command_line.h"
 #include "daemon.h"
 #include "settings.h"
 
@@ -10,9 +17,12 @@ constexpr int kUsageError = 2;
 constexpr int kRunTimeFailure = 1;
 
 const char kHelp[] =
-    "Usage: statusd [--config FILE] [OPTION VALUE]...\n"
+    "Usage: statusd [--config FILE] [OPTION [VALUE]]...\n"
     "Serves a status page of this machine and of a peer, for people at / and for programs at /status.json.\n"
     "\n"
+    "  --daemon                 go on in the background; try without it first, as nobody hears complaints then\n"
+    "  --pidfile PATH           write the process id to PATH, and lock it: a second statusd does not start\n"
+    "  --user UID:GID           give up the rights of root, once the pid file and the port are taken\n"
     "  --config FILE            read settings from FILE; SIGHUP reads it again\n"
     "  --listen IP:PORT         address of the page (127.0.0.1:8080); port 0 takes a free one\n"
     "  --name NAME              what the page calls this machine (its host name)\n"
@@ -22,19 +32,45 @@ const char kHelp[] =
     "  --slow-ms N              how long it may take without being called slow (500)\n"
     "  --client-deadline-ms N   how long a client of the page may stay (10000)\n"
     "  --max-clients N          how many clients there may be (64)\n"
+    "  --command 'PROGRAM ARG'  what to run now and then, and to show the output of (nothing)\n"
+    "  --command-interval-ms N  how often to run it (10000)\n"
+    "  --restart-delay-ms N     how long a watched process, which only FILE can name, waits for a new start (5000)\n"
+    "  --share /NAME            publish figures in shared memory, for statusctl (nothing)\n"
     "  --report                 print a line a second of what is seen\n"
     "  --help, --version        print this, or the version, and end\n"
     "\n"
-    "Options win over the file. SIGTERM and SIGINT end statusd with status 0. It ends with 2 when an option or\n"
-    "setting is wrong, and with 1 when it cannot start.\n";
+    "Options win over the file. SIGTERM, SIGINT and SIGQUIT end statusd with status 0. It ends with 2 when an\n"
+    "option or setting is wrong, and with 1 when it cannot start.\n";
+
+// A socket must not get the number of a standard descriptor that the caller has closed: output would go there.
+void OpenStandardDescriptors() {
+  int fd = -1;
+  do {
+    fd = ::open("/dev/null", O_RDWR);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) {
+    (void)::close(fd);
+  }
+}
+
+bool Detach(CommandLine& commandLine) {
+  if (MakePathsAbsolute(commandLine) && kiv::process::Daemonize() == 0) {
+    return true;
+  }
+  Complain(std::string("cannot become a daemon: ") + std::strerror(errno));
+  return false;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Before the worker starts, so that it inherits the mask and every signal goes to the loop.
-  kiv::net::EventLoop::BlockSignals({SIGTERM, SIGINT, SIGHUP});
+  OpenStandardDescriptors();
+  // Before there are threads, so that all inherit the mask, as a daemon does, and every signal goes to the loop.
+  kiv::net::EventLoop::BlockSignals({SIGTERM, SIGINT, SIGQUIT, SIGHUP});
   // A reader of --report that goes away is no reason to die.
   std::signal(SIGPIPE, SIG_IGN);
+  // Where the caller ignores it, the kernel forgets how the command and others ended.
+  std::signal(SIGCHLD, SIG_DFL);
 
   CommandLine commandLine;
   Settings settings;
@@ -50,6 +86,9 @@ int main(int argc, char** argv) {
   if (!LoadSettings(commandLine, settings, error)) {
     Complain(error);
     return kUsageError;
+  }
+  if (commandLine.daemon && !Detach(commandLine)) {
+    return kRunTimeFailure;
   }
   Daemon daemon(commandLine, settings);
   if (!daemon.Start()) {

@@ -225,15 +225,6 @@ std::vector<Marked<Row>> Compare(const Table<Row>& before, const Table<Row>& now
 
 // ---- Writing.
 
-template <typename List, typename Write>
-std::string JsonList(const List& list, Write write) {
-  std::string json;
-  for (const auto& item : list) {
-    json += (json.empty() ? "" : ",") + write(item);
-  }
-  return "[" + json + "]";
-}
-
 std::string JsonText(const std::string& text) { return text.empty() ? "null" : JsonString(text); }
 
 std::string Members(const Interface& row) {

@@ -9,34 +9,17 @@ constexpr int kShare = 20;
 
 }  // namespace
 
-NetworkWatch::NetworkWatch(kiv::net::EventLoop& loop, NetworkStatus& status)
-    : mLoop(loop), mStatus(status), mWorker([this] { Work(); }) {
+NetworkWatch::NetworkWatch(kiv::net::EventLoop& loop, NetworkStatus& status) : mStatus(status), mWorker(loop) {
   mStatus.tables = ToJson(Network(), Network());
 }
 
-NetworkWatch::~NetworkWatch() {
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mQuit = true;
-  }
-  mWake.notify_one();
-  mWorker.join();
-}
-
 void NetworkWatch::Look() {
-  if (mUnderWay || Clock::now() < mNext) {
-    return;
+  if (Clock::now() >= mNext) {
+    (void)mWorker.Run([this] { return TakeSnapshot(); });  // A look that takes long stands for those it delays.
   }
-  mUnderWay = true;
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mWanted = true;
-  }
-  mWake.notify_one();
 }
 
 void NetworkWatch::Record(const std::string& tables, Clock::duration took) {
-  mUnderWay = false;
   mNext = Clock::now() + took * (kShare - 1);
   if (tables.empty()) {
     return;  // The kernel could not be asked; what was seen last stays.
@@ -46,22 +29,8 @@ void NetworkWatch::Record(const std::string& tables, Clock::duration took) {
   ++mStatus.snapshots;
 }
 
-// The worker thread.
-void NetworkWatch::Work() {
-  std::unique_lock<std::mutex> lock(mMutex);
-  for (;;) {
-    mWake.wait(lock, [this] { return mQuit || mWanted; });
-    if (mQuit) {
-      return;
-    }
-    mWanted = false;
-    lock.unlock();
-    TakeSnapshot();
-    lock.lock();
-  }
-}
-
-void NetworkWatch::TakeSnapshot() {
+// On the worker's thread.
+std::function<void()> NetworkWatch::TakeSnapshot() {
   const auto started = Clock::now();
   std::string tables;
   std::optional<Network> now = ReadNetwork();
@@ -70,5 +39,5 @@ void NetworkWatch::TakeSnapshot() {
     mBefore = std::move(now);
   }
   const auto took = Clock::now() - started;
-  mLoop.Defer([this, tables = std::move(tables), took] { Record(tables, took); });
+  return [this, tables = std::move(tables), took] { Record(tables, took); };
 }

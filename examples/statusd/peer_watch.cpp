@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
+#include <functional>
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -40,17 +40,12 @@ bool HeadArrives(int fd) {
 
 }  // namespace
 
-PeerWatch::PeerWatch(kiv::net::EventLoop& loop, PeerStatus& status)
-    : mLoop(loop), mStatus(status), mTarget(), mWorker([this] { Work(); }) {}
-
 PeerWatch::~PeerWatch() {
   {
     const std::lock_guard<std::mutex> lock(mMutex);
     mQuit = true;
   }
-  mWake.notify_one();
   CutOff();
-  mWorker.join();
 }
 
 void PeerWatch::Watch(const std::string& url, kiv::net::Milliseconds timeout, kiv::net::Milliseconds slow) {
@@ -68,21 +63,18 @@ void PeerWatch::Fetch() {
   if (mTarget.url.empty()) {
     return;
   }
-  if (mUnderWay) {
+  const auto fetch = [this, job = mTarget]() -> std::function<void()> {
+    return [this, result = Get(job)] { Record(result); };
+  };
+  if (!mWorker.Run(fetch)) {
     ++mStatus.skipped;
     return;
   }
-  mUnderWay = true;
   mStarted = Clock::now();
-  {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mJob = mTarget;
-  }
-  mWake.notify_one();
 }
 
 void PeerWatch::Sweep() {
-  if (mUnderWay && Clock::now() - mStarted >= mTarget.timeout) {
+  if (mWorker.IsBusy() && Clock::now() - mStarted >= mTarget.timeout) {
     CutOff();
   }
 }
@@ -97,7 +89,6 @@ void PeerWatch::CutOff() {
 }
 
 void PeerWatch::Record(const Result& result) {
-  mUnderWay = false;
   if (result.url != mTarget.url) {
     return;  // The settings have changed meanwhile.
   }
@@ -111,21 +102,6 @@ void PeerWatch::Record(const Result& result) {
   }
 }
 
-// The worker thread.
-void PeerWatch::Work() {
-  std::unique_lock<std::mutex> lock(mMutex);
-  for (;;) {
-    mWake.wait(lock, [this] { return mQuit || mJob; });
-    if (mQuit) {
-      return;
-    }
-    const Job job = *std::exchange(mJob, std::nullopt);
-    lock.unlock();
-    mLoop.Defer([this, result = Run(job)] { Record(result); });
-    lock.lock();
-  }
-}
-
 // Makes the connection known to CutOff, or no longer. Returns false when the daemon is ending.
 bool PeerWatch::Publish(int fd) {
   const std::lock_guard<std::mutex> lock(mMutex);
@@ -135,7 +111,7 @@ bool PeerWatch::Publish(int fd) {
 
 // The steps of HttpClient::Get one by one, for the sake of the descriptor and of the status, which the streaming Get
 // does not tell. Redirects are not followed: their number has no limit.
-PeerWatch::Result PeerWatch::Run(const Job& job) {
+PeerWatch::Result PeerWatch::Get(const Job& job) {
   const auto started = Clock::now();
   Result result{job.url, "down", 0, std::nullopt};
   kiv::net::HttpClient client;

@@ -5,11 +5,16 @@
 
 #include <algorithm>
 #include <charconv>
-#include <fstream>
+#include <system_error>
+
+#include "common/printable.h"
+#include "common/shared_figures.h"
+#include "settings_file.h"
 
 namespace {
 
-constexpr std::size_t kMaxFileSize = 65536;
+constexpr std::size_t kMaxProcessName = 15;
+constexpr std::size_t kMaxWatched = SharedFigures::kMaxProcesses;
 
 struct NumberKey {
   const char* key;
@@ -25,9 +30,10 @@ constexpr NumberKey kNumbers[] = {
     {"slow_ms", &Settings::slowMs, 1, 5000},
     {"client_deadline_ms", &Settings::clientDeadlineMs, 100, 3600000},
     {"max_clients", &Settings::maxClients, 1, 1000},
+    {"command_interval_ms", &Settings::commandIntervalMs, 1000, 3600000},
+    {"restart_delay_ms", &Settings::restartDelayMs, 100, 3600000},
 };
-
-std::string Quote(const std::string& text) { return "\"" + text + "\""; }
+constexpr const char* kTexts[] = {"name", "listen", "peer", "command", "share"};
 
 bool ParseNumber(const std::string& text, long min, long max, long& out) {
   long value = 0;
@@ -40,9 +46,14 @@ bool ParseNumber(const std::string& text, long min, long max, long& out) {
   return true;
 }
 
-bool SetName(const std::string& name, Settings& out) {
+// A name of 1 to `max` bytes, which is safe to show.
+bool IsName(const std::string& text, std::size_t max) {
   const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
-  if (name.empty() || name.size() > 64 || std::any_of(name.begin(), name.end(), isControl)) {
+  return !text.empty() && text.size() <= max && std::none_of(text.begin(), text.end(), isControl);
+}
+
+bool SetName(const std::string& name, Settings& out) {
+  if (!IsName(name, 64)) {
     return false;
   }
   out.name = name;
@@ -77,6 +88,35 @@ bool SetPeer(const std::string& url, Settings& out) {
   return true;
 }
 
+bool SetShare(const std::string& name, Settings& out) {
+  if (!name.empty() && !IsShareName(name)) {
+    return false;
+  }
+  out.share = name;
+  return true;
+}
+
+// Splits at blanks and tabs; nothing else has a meaning, quotes neither. A NUL byte would cut a word short.
+bool SetProgram(const std::string& line, Program& out) {
+  if (line.find('\0') != std::string::npos) {
+    return false;
+  }
+  out.clear();
+  for (std::size_t end = 0, begin = 0; (begin = line.find_first_not_of(" \t", end)) != std::string::npos;) {
+    end = std::min(line.find_first_of(" \t", begin), line.size());
+    out.push_back(line.substr(begin, end - begin));
+  }
+  return true;
+}
+
+// Returns what is wrong with the setting, or nothing.
+std::string SetNumber(const NumberKey& number, const std::string& value, Settings& out) {
+  return ParseNumber(value, number.min, number.max, out.*number.field)
+             ? ""
+             : std::string(number.key) + " must be a number from " + std::to_string(number.min) + " to " +
+                   std::to_string(number.max) + ", not " + Quote(value);
+}
+
 // Returns what is wrong with the setting, or nothing.
 std::string Set(const std::string& key, const std::string& value, Settings& out) {
   if (key == "name") {
@@ -88,84 +128,71 @@ std::string Set(const std::string& key, const std::string& value, Settings& out)
   if (key == "peer") {
     return SetPeer(value, out) ? "" : "peer must be a URL such as http://192.0.2.1:8080/, not " + Quote(value);
   }
-  for (const NumberKey& number : kNumbers) {
-    if (key == number.key) {
-      return ParseNumber(value, number.min, number.max, out.*number.field)
-                 ? ""
-                 : key + " must be a number from " + std::to_string(number.min) + " to " + std::to_string(number.max) +
-                       ", not " + Quote(value);
-    }
+  if (key == "command") {
+    return SetProgram(value, out.command) ? "" : "command must have no NUL bytes";
   }
-  return "unknown setting " + Quote(key);
+  if (key == "share") {
+    return SetShare(value, out) ? "" : "share must be a name such as /statusd, not " + Quote(value);
+  }
+  const auto isKey = [&key](const NumberKey& number) { return key == number.key; };
+  const auto* const number = std::find_if(std::begin(kNumbers), std::end(kNumbers), isKey);
+  return number != std::end(kNumbers) ? SetNumber(*number, value, out) : "unknown setting " + Quote(key);
 }
 
-bool ReadFile(const std::string& path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  text.resize(kMaxFileSize);
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  // The end must have been met: a directory fails, and a device that never ends does not get there.
-  return file.eof();
+// Of two lines with the same name the later one counts, as everywhere else in the file.
+std::string SetWatched(const std::string& name, const std::string& line, Settings& out) {
+  Watched watched{name, {}};
+  if (!IsName(name, kMaxProcessName)) {
+    return "the short name of a process has 1 to 15 bytes, and no control characters";
+  }
+  if (!SetProgram(line, watched.program)) {
+    return "a program must have no NUL bytes";
+  }
+  const auto isSame = [&name](const Watched& other) { return other.name == name; };
+  const auto found = std::find_if(out.watched.begin(), out.watched.end(), isSame);
+  if (found != out.watched.end()) {
+    *found = watched;
+    return "";
+  }
+  if (out.watched.size() == kMaxWatched) {
+    return "no more than " + std::to_string(kMaxWatched) + " processes can be watched";
+  }
+  out.watched.push_back(watched);
+  return "";
+}
+
+// Returns what is wrong with the line, or nothing.
+std::string Apply(const SettingsLine& line, Settings& out) {
+  if (!line.section.empty() && line.section != "watch") {
+    return "unknown section " + Quote(line.section);
+  }
+  if (line.key.empty()) {
+    return "";
+  }
+  return line.section.empty() ? Set(line.key, line.value, out) : SetWatched(line.key, line.value, out);
 }
 
 bool ApplyFile(const std::string& path, Settings& out, std::string& error) {
-  std::string text;
-  if (!ReadFile(path, text)) {
-    error = "cannot read the settings file " + Quote(path);
+  std::vector<SettingsLine> lines;
+  if (!ReadSettingsFile(path, lines, error)) {
     return false;
   }
-  int lineNumber = 0;
-  for (const std::string& line : kiv::utils::Split(text, "\n")) {
-    ++lineNumber;
-    const std::size_t first = line.find_first_not_of(" \t\r\f\v");
-    if (first == std::string::npos || line[first] == '#' || line[first] == ';') {
-      continue;
-    }
-    const auto [key, value] = kiv::utils::SplitKeyValue(line, "=");
-    error = key.empty() ? "expected \"key = value\"" : Set(key, value, out);
-    if (!error.empty()) {
-      error = path + ":" + std::to_string(lineNumber) + ": " + error;
+  for (const SettingsLine& line : lines) {
+    const std::string wrong = Apply(line, out);
+    if (!wrong.empty()) {
+      error = Place(path, line.number) + wrong;
       return false;
     }
   }
   return true;
-}
-
-// "--interval-ms" is the setting "interval_ms"; empty for anything that no option can be.
-std::string KeyOfOption(const std::string& option) {
-  std::string key = option.compare(0, 2, "--") == 0 ? option.substr(2) : "";
-  std::replace(key.begin(), key.end(), '-', '_');
-  const auto isKey = [&key](const NumberKey& number) { return key == number.key; };
-  const bool known = key == "config" || key == "name" || key == "listen" || key == "peer" ||
-                     std::any_of(std::begin(kNumbers), std::end(kNumbers), isKey);
-  return known ? key : "";
 }
 
 }  // namespace
 
-bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::string& error) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string option = argv[i];
-    const std::string key = KeyOfOption(option);
-    if (option == "--report") {
-      out.report = true;
-    } else if (option == "--help") {
-      out.help = true;
-    } else if (option == "--version") {
-      out.version = true;
-    } else if (key.empty()) {
-      error = "unknown option " + Quote(option) + "; see --help";
-      return false;
-    } else if (++i == argc) {
-      error = "option " + option + " needs a value";
-      return false;
-    } else if (key == "config") {
-      out.configFile = argv[i];
-    } else {
-      out.overrides.emplace_back(key, argv[i]);
-    }
-  }
-  return true;
+bool IsSetting(const std::string& key) {
+  const auto isKey = [&key](const NumberKey& number) { return key == number.key; };
+  return std::find(std::begin(kTexts), std::end(kTexts), key) != std::end(kTexts) ||
+         std::any_of(std::begin(kNumbers), std::end(kNumbers), isKey);
 }
 
 bool LoadSettings(const CommandLine& commandLine, Settings& out, std::string& error) {
@@ -183,4 +210,12 @@ bool LoadSettings(const CommandLine& commandLine, Settings& out, std::string& er
   }
   out = settings;
   return true;
+}
+
+std::string ToText(const Program& program) {
+  std::string text;
+  for (const std::string& word : program) {
+    text += (text.empty() ? "" : " ") + word;
+  }
+  return text;
 }

@@ -1,10 +1,19 @@
 #ifndef STATUSD_SETTINGS_H
 #define STATUSD_SETTINGS_H
 
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "command_line.h"
+
+/// A program and its arguments; empty for none.
+using Program = std::vector<std::string>;
+
+/// Processes to watch by their short name, and what to start when there are none.
+struct Watched {
+  std::string name;
+  Program program;
+};
 
 /// What statusd.ini explains, with the same defaults. Durations are in milliseconds.
 struct Settings {
@@ -17,22 +26,21 @@ struct Settings {
   long slowMs = 500;
   long clientDeadlineMs = 10000;
   long maxClients = 64;
+  Program command;
+  long commandIntervalMs = 10000;
+  std::string share;
+  long restartDelayMs = 5000;
+  std::vector<Watched> watched;
 };
 
-/// What the command line says. Options with a value are kept as settings that win over the file's.
-struct CommandLine {
-  std::optional<std::string> configFile;
-  std::vector<std::pair<std::string, std::string>> overrides;
-  bool report = false;
-  bool help = false;
-  bool version = false;
-};
-
-/// Returns false with a message in `error` when an option is unknown or lacks its value.
-bool ParseCommandLine(int argc, const char* const* argv, CommandLine& out, std::string& error);
+/// Tells whether there is a setting of this name outside any section.
+bool IsSetting(const std::string& key);
 
 /// Reads the file, if there is one, and then the options. Returns false with a message in `error`, and `out` untouched,
 /// when the file cannot be read or a setting is wrong.
 bool LoadSettings(const CommandLine& commandLine, Settings& out, std::string& error);
+
+/// Returns the words of a program with a blank between them.
+std::string ToText(const Program& program);
 
 #endif  // STATUSD_SETTINGS_H

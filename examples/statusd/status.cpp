@@ -1,43 +1,65 @@
 #include "status.h"
 
-#include <cstdio>
+#include <unistd.h>
 
 #include "common/json.h"
 
 namespace {
+
+std::string JsonPeer(const PeerStatus& peer) {
+  return "{\"url\":" + (peer.url.empty() ? "null" : JsonString(peer.url)) + ",\"state\":" + JsonString(peer.state) +
+         ",\"http_status\":" + (peer.httpStatus == 0 ? "null" : std::to_string(peer.httpStatus)) +
+         ",\"response_ms\":" + JsonMs(peer.responseMs) + ",\"fetches\":" + std::to_string(peer.fetches) +
+         ",\"skipped\":" + std::to_string(peer.skipped) + ",\"history\":" + JsonList(peer.history, JsonMs) + "}";
+}
+
+std::string JsonProcess(const ProcessStatus& process) {
+  return "{\"name\":" + JsonString(process.name) + ",\"count\":" + std::to_string(process.count) +
+         ",\"pids\":" + JsonList(process.pids, [](int pid) { return std::to_string(pid); }) +
+         ",\"command\":" + (process.command.empty() ? "null" : JsonString(process.command)) +
+         ",\"starts\":" + std::to_string(process.starts) + "}";
+}
+
+std::string JsonCommand(const CommandStatus& command) {
+  if (command.line.empty()) {
+    return "null";
+  }
+  const std::string json =
+      "{\"line\":" + JsonString(command.line) + ",\"runs\":" + std::to_string(command.runs) + ",\"exit_code\":";
+  if (!command.last) {
+    return json + "null,\"took_ms\":null,\"output\":null,\"truncated\":false}";
+  }
+  return json + std::to_string(command.last->exitCode) + ",\"took_ms\":" + JsonMs(command.last->tookMs) +
+         ",\"output\":" + JsonString(command.last->output) +
+         ",\"truncated\":" + (command.last->truncated ? "true" : "false") + "}";
+}
+
+std::string JsonShare(const ShareStatus& share) {
+  if (share.name.empty()) {
+    return "null";
+  }
+  return "{\"name\":" + JsonString(share.name) + ",\"published\":" + std::to_string(share.published) +
+         ",\"skipped\":" + std::to_string(share.skipped) + "}";
+}
+
+}  // namespace
 
 long long UptimeSeconds(const Status& status) {
   const auto age = std::chrono::steady_clock::now() - status.started;
   return std::chrono::duration_cast<std::chrono::seconds>(age).count();
 }
 
-std::string JsonMs(const std::optional<double>& ms) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f", ms.value_or(0));
-  return ms ? text : "null";
-}
-
-std::string JsonPeer(const PeerStatus& peer) {
-  std::string history;
-  for (const std::optional<double>& ms : peer.history) {
-    history += (history.empty() ? "" : ",") + JsonMs(ms);
-  }
-  return "{\"url\":" + (peer.url.empty() ? "null" : JsonString(peer.url)) + ",\"state\":" + JsonString(peer.state) +
-         ",\"http_status\":" + (peer.httpStatus == 0 ? "null" : std::to_string(peer.httpStatus)) +
-         ",\"response_ms\":" + JsonMs(peer.responseMs) + ",\"fetches\":" + std::to_string(peer.fetches) +
-         ",\"skipped\":" + std::to_string(peer.skipped) + ",\"history\":[" + history + "]}";
-}
-
-}  // namespace
-
 std::string ToJson(const Status& status) {
-  return "{\"name\":" + JsonString(status.name) + ",\"uptime_s\":" + std::to_string(UptimeSeconds(status)) +
+  return "{\"name\":" + JsonString(status.name) + ",\"pid\":" + std::to_string(::getpid()) +
+         ",\"uptime_s\":" + std::to_string(UptimeSeconds(status)) +
          ",\"loop_passes\":" + std::to_string(status.loopPasses) +
          ",\"timers_fired\":" + std::to_string(status.timersFired) +
          ",\"requests\":" + std::to_string(status.requests) + ",\"clients\":" + std::to_string(status.clients) +
          ",\"peer\":" + JsonPeer(status.peer) +
          ",\"network\":{\"snapshots\":" + std::to_string(status.network.snapshots) +
-         ",\"took_ms\":" + JsonMs(status.network.tookMs) + "}," + status.network.tables + "}\n";
+         ",\"took_ms\":" + JsonMs(status.network.tookMs) + "}," + status.network.tables +
+         ",\"processes\":" + JsonList(status.processes, JsonProcess) + ",\"command\":" + JsonCommand(status.command) +
+         ",\"share\":" + JsonShare(status.share) + "}\n";
 }
 
 std::string ToLine(const Status& status) {

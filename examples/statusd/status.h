@@ -6,6 +6,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <vector>
 
 /// What is known of the peer.
 ///
@@ -28,6 +29,38 @@ struct NetworkStatus {
   std::optional<double> tookMs;  ///< What the last snapshot took.
 };
 
+/// What is known of the processes of one name.
+struct ProcessStatus {
+  std::string name;
+  std::string command;    ///< What starts a missing one; may be empty.
+  std::size_t count = 0;  ///< How many there are.
+  std::vector<int> pids;  ///< The first of them.
+  unsigned long starts = 0;
+  std::optional<std::chrono::steady_clock::time_point> lastStart;
+};
+
+/// How a run of the command ended.
+struct CommandRun {
+  int exitCode;
+  double tookMs;
+  std::string output;  ///< Its beginning.
+  bool truncated;      ///< Whether there was more of it.
+};
+
+/// What is known of the command.
+struct CommandStatus {
+  std::string line;        ///< Empty when there is none.
+  unsigned long runs = 0;  ///< Those that have ended.
+  std::optional<CommandRun> last;
+};
+
+/// What becomes of the figures in shared memory.
+struct ShareStatus {
+  std::string name;  ///< Empty when they are not published.
+  unsigned long published = 0;
+  unsigned long skipped = 0;  ///< Times that they could not be, mostly as a reader had the semaphore.
+};
+
 /// Everything that the page shows. Belongs to the loop thread.
 struct Status {
   std::string name;
@@ -38,7 +71,13 @@ struct Status {
   std::size_t clients = 0;
   PeerStatus peer;
   NetworkStatus network;
+  std::vector<ProcessStatus> processes;
+  CommandStatus command;
+  ShareStatus share;
 };
+
+/// Returns for how many seconds the daemon has been running.
+long long UptimeSeconds(const Status& status);
 
 /// Returns the body of /status.json, valid UTF-8 whatever the strings hold.
 std::string ToJson(const Status& status);

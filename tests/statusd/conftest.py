@@ -1,20 +1,24 @@
 """What the tests of statusd share: the daemon itself, a peer for it that does what a test wants, and a network."""
 import contextlib
 import ctypes
+import itertools
 import json
 import os
+import pathlib
 import re
 import select
 import shlex
 import signal
 import socket
 import subprocess
+import tempfile
 import threading
 import time
 
 import pytest
 from namespaces import PATIENCE, Namespace, need
 
+MOMENT = 3  # seconds in which what is about to end does so
 
 
 def wait_for(condition, what):
@@ -28,8 +32,33 @@ def wait_for(condition, what):
     pytest.fail(f"gave up waiting for {what}")
 
 
+def emulated(program, *options):
+    return shlex.split(os.environ.get("EMULATOR", "")) + [os.environ[program], *map(str, options)]
+
+
 def command(*options):
-    return shlex.split(os.environ.get("EMULATOR", "")) + [os.environ["STATUSD"], *map(str, options)]
+    return emulated("STATUSD", *options)
+
+
+def words_of(options):
+    """Returns the words of the command line for options whose keywords have "_" for "-"; None leaves one out."""
+    return [word for key, value in options.items() if value is not None
+            for word in ("--" + key.replace("_", "-"), value)]
+
+
+def run_statusd(*options, **how):
+    return subprocess.run(command(*options), capture_output=True, text=True, errors="replace", timeout=PATIENCE, **how)
+
+
+def statusctl(*options, prefix=()):
+    return subprocess.run([*prefix, *emulated("STATUSCTL", *options)], capture_output=True, text=True, errors="replace",
+                          timeout=PATIENCE)
+
+
+def published(share):
+    """Returns what statusctl reads there, or nothing when it cannot."""
+    done = statusctl("--json", share)
+    return json.loads(done.stdout) if done.returncode == 0 else None
 
 
 def read_all(connection):
@@ -53,7 +82,7 @@ class Reply:
 
 
 class Daemon:
-    """A running statusd. Options with a value are keywords, with "_" for "-"; None leaves one out.
+    """A running statusd. Its options with a value are keywords.
 
     It runs in the namespace, if there is one, and behind the words of the prefix.
     """
@@ -61,8 +90,7 @@ class Daemon:
     def __init__(self, *flags, namespace=None, prefix=(), **options):
         self.namespace = namespace
         options.setdefault("listen", "127.0.0.1:0")
-        words = [word for key, value in options.items() if value is not None
-                 for word in ("--" + key.replace("_", "-"), value)]
+        words = words_of(options)
         self.expected_complaints = 0
         self.paused_at = None  # The number of snapshots at the last pause that nobody has waited behind.
         enter = namespace.enter if namespace else []
@@ -157,6 +185,166 @@ class Daemon:
             self.process.communicate()
             pytest.fail("statusd does not end")
         assert (self.process.returncode, errors.decode()) == (0, "")
+
+
+class Process:
+    """What the kernel says about a process, at this moment."""
+
+    def __init__(self, pid):
+        with open(f"/proc/{pid}/stat", errors="surrogateescape") as stat:
+            self.name, _, rest = stat.read().partition("(")[2].rpartition(")")
+        self.pid = pid
+        self.state, *numbers = rest.split()
+        self.parent, _, self.session, self.terminal = map(int, numbers[:4])
+
+    def cwd(self):
+        return os.readlink(f"/proc/{self.pid}/cwd")
+
+    def descriptors(self):
+        return {int(fd): os.readlink(f"/proc/{self.pid}/fd/{fd}") for fd in os.listdir(f"/proc/{self.pid}/fd")}
+
+    def tasks(self):
+        """Returns what /proc says about the status of each thread."""
+        found = []
+        for task in os.listdir(f"/proc/{self.pid}/task"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                with open(f"/proc/{self.pid}/task/{task}/status", errors="surrogateescape") as status:
+                    found.append({key: value.split() for key, value in (line.split(":", 1) for line in status)})
+        return found
+
+
+def processes():
+    """Returns what /proc says about every process."""
+    found = []
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            found.append(Process(int(entry)))
+    return found
+
+
+def children():
+    return [process for process in processes() if process.parent == os.getpid()]
+
+
+def reap(pid):
+    """Waits for the end of a child and returns its status, negative for a signal."""
+    wait_for(lambda: os.waitid(os.P_PID, pid, os.WEXITED | os.WNOHANG | os.WNOWAIT), f"process {pid} to end")
+    return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+
+
+def kill(pid):
+    """Ends an orphan that has come to this process."""
+    os.kill(pid, signal.SIGKILL)
+    assert reap(pid) == -signal.SIGKILL
+
+
+@pytest.fixture
+def orphans():
+    """Makes this process the parent of what its descendants leave behind: nothing that lasts may outlive the test."""
+    become_subreaper = lambda on: ctypes.CDLL(None).prctl(36, on, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER
+    before = {child.pid for child in children()}
+    become_subreaper(1)
+    yield
+    left = lambda: [child for child in children() if child.pid not in before]
+    alive = lambda: [child.name for child in left() if child.state != "Z"]
+    end = time.monotonic() + MOMENT
+    while alive() and time.monotonic() < end:
+        time.sleep(0.02)
+    lasting = alive()
+    while children_left := left():
+        for child in children_left:  # The children of one that is killed come here, too.
+            with contextlib.suppress(ProcessLookupError, ChildProcessError):
+                os.kill(child.pid, signal.SIGKILL)
+                os.waitpid(child.pid, 0)
+    become_subreaper(0)
+    assert lasting == []
+
+
+@pytest.fixture
+def folder():
+    """A folder in which every user may do everything."""
+    with tempfile.TemporaryDirectory() as path:
+        os.chmod(path, 0o777)
+        yield path
+
+
+share_numbers = itertools.count()
+
+
+def shared_objects(share):
+    return sorted(name for name in os.listdir("/dev/shm") if share[1:] in name)
+
+
+@pytest.fixture
+def share():
+    """A name for shared memory. Nothing of that name, or of one that begins so, may outlive the test."""
+    name = f"/statusd-test-{os.getpid()}-{next(share_numbers)}"
+    yield name
+    left = shared_objects(name)
+    for entry in left:
+        path = os.path.join("/dev/shm", entry)
+        (os.rmdir if os.path.isdir(path) else os.unlink)(path)
+    assert left == []
+
+
+class Background(Daemon):
+    """A statusd that has detached itself. It is found by its pid file, and it is an orphan of this process."""
+
+    def __init__(self, *flags, folder, share, cwd=None, pidfile="statusd.pid", **options):
+        self.namespace = None
+        self.paused_at = None
+        self.pidfile = os.path.join(folder, pidfile)
+        self.reports = os.path.join(folder, "sanitizer")
+        self.returncode = None
+        words = words_of({"listen": "127.0.0.1:0", "share": share, "pidfile": pidfile if cwd else self.pidfile,
+                          **options})
+        done = run_statusd("--daemon", *flags, *words, cwd=cwd, env=self._environment())
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+        self.pid = wait_for(self._pid, "the pid file")
+        self.figures = wait_for(lambda: self._figures(share), "the figures")
+        self.url = self.figures["url"]
+        self.port = int(re.fullmatch(r"http://[\d.]+:(\d+)/", self.url)[1])
+
+    def _pid(self):
+        """Returns what the file holds, once that is a process that has come to this one."""
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            text = pathlib.Path(self.pidfile).read_text()
+            if text.isdecimal() and Process(int(text)).parent == os.getpid():
+                return int(text)
+        return None
+
+    def _environment(self):
+        """Nobody sees what a sanitizer says on stderr of a daemon."""
+        environment = dict(os.environ)
+        for sanitizer in ("ASAN", "LSAN", "TSAN", "UBSAN"):
+            key = f"{sanitizer}_OPTIONS"
+            environment[key] = ":".join(filter(None, [environment.get(key), f"log_path={self.reports}"]))
+        return environment
+
+    def _figures(self, share):
+        figures = published(share)
+        return figures if figures and figures["pid"] == self.pid else None
+
+    def end(self, signo=signal.SIGTERM, returncode=0):
+        """Ends the daemon, with this status and without a sanitizer's word."""
+        os.kill(self.pid, signo)
+        self.returncode = reap(self.pid)
+        assert self.returncode == returncode
+        folder, name = os.path.split(self.reports)
+        assert [entry for entry in os.listdir(folder) if entry.startswith(name)] == []
+
+
+@pytest.fixture
+def background(share, orphans, folder):
+    """Starts daemons that detach themselves, and end, cleanly, with the test."""
+    with contextlib.ExitStack() as stack:
+
+        def start(*flags, **options):
+            daemon = Background(*flags, **{"folder": folder, "share": share, **options})
+            stack.callback(lambda: daemon.returncode is None and daemon.end())
+            return daemon
+
+        yield start
 
 
 @pytest.fixture

@@ -1,6 +1,7 @@
 """The page of statusd in a browser."""
 import contextlib
 import os
+import re
 import shutil
 import signal
 import socketserver
@@ -294,3 +295,76 @@ def test_page_with_long_rows_never_scrolls_sideways(statusd, namespace, browser,
     assert driver.execute_script("return document.documentElement.scrollWidth") <= width
     assert driver.execute_script("""
         return [...document.querySelectorAll(".rows")].every((box) => box.scrollWidth <= box.clientWidth)""")
+
+
+def shown(driver, element):
+    return driver.find_element("id", element).is_displayed()
+
+
+def text_of(driver, element):
+    return driver.execute_script("return document.getElementById(arguments[0]).innerText", element)
+
+
+def test_page_without_processes_and_command_shows_neither(statusd, browser):
+    driver = browser()
+    driver.get(statusd().url)
+    wait_for_text(driver, "link", "live")
+    assert not shown(driver, "processes") and not shown(driver, "command")
+    assert not re.search("Process|Command", driver.find_element("tag name", "body").text, re.I)
+
+
+@pytest.fixture
+def observed(statusd, tmp_path):
+    """Starts a daemon with something to watch and to run, whose texts want to be markup."""
+
+    def start(output="<b id=evil>bold</b> & \"more\"", **options):
+        script, config = tmp_path / "<i>run", tmp_path / "statusd.ini"
+        script.write_text(f"#!/bin/sh\ncat <<'EOF'\n{output}\nEOF\nexit 3\n")
+        script.chmod(0o755)
+        config.write_text(f"command = {script} <u>\nrestart_delay_ms = 3600000\n"
+                          f"[watch]\nstatusd =\n<i>x</i>&amp; = /nonexistent/program\n{'W' * 15} =\n")
+        return statusd(config=config, **options), f"{script} <u>", config
+
+    return start
+
+
+def test_page_shows_processes_and_the_command_as_text(observed, browser, artifacts):
+    daemon, line, config = observed(name="gateway")
+    driver = browser()
+    driver.get(daemon.url)
+    wait_for(lambda: len(rows(driver, "processes")) == 3 and rows(driver, "processes")[1][3] == "1", "the processes")
+    wait_for(lambda: "bold" in text_of(driver, "command"), "the output")
+    itself, missing, other = rows(driver, "processes")
+    assert itself[0] == "statusd" and int(itself[1]) >= 1 and str(daemon.pid) in itself[2] and itself[3] == "0"
+    assert missing[:2] == ["<i>x</i>&amp;", "0"] and missing[3] == "1"
+    assert other[:2] == ["W" * 15, "0"]
+    down = driver.execute_script("""
+        return [...document.querySelectorAll("#processes tbody tr")].map((row) => row.classList.contains("down"))""")
+    assert down == [False, True, True]
+    command = text_of(driver, "command")
+    assert line in command and re.search(r"\b3\b", command.replace(line, ""))
+    took = daemon.status()["command"]["took_ms"]
+    assert str(int(took)) in command
+    output = driver.execute_script("return document.querySelector('#command pre').textContent")
+    assert output.rstrip("\n") == "<b id=evil>bold</b> & \"more\""
+    assert driver.execute_script("""
+        return !document.querySelector("#evil, #processes i, #command u, #command b")""")
+    save_screenshots(driver, artifacts, "processes")
+
+    config.write_text("[watch]\nnobody =\n")
+    daemon.process.send_signal(signal.SIGHUP)
+    wait_for(lambda: not shown(driver, "command"), "the command to go")
+    wait_for(lambda: [row[:2] for row in rows(driver, "processes")] == [["nobody", "0"]], "the other process")
+    config.write_text("")
+    daemon.process.send_signal(signal.SIGHUP)
+    wait_for(lambda: not shown(driver, "processes"), "the processes to go")
+    assert complaints(driver) == []
+
+
+@pytest.mark.parametrize("width", [320, 500, 1280])
+def test_page_with_long_output_never_scrolls_sideways(observed, browser, width):
+    daemon, _, _ = observed(output=("word " * 100 + "\n") * 3 + "x" * 1000)
+    driver = browser(size=(width, 900))
+    driver.get(daemon.url)
+    wait_for(lambda: "xxx" in text_of(driver, "command"), "the output")
+    assert driver.execute_script("return document.documentElement.scrollWidth") <= width
