@@ -1,5 +1,7 @@
 #include "common/printable.h"
 
+#include <algorithm>
+
 #include "common/utf8.h"
 
 std::string Printable(const std::string& text) {
@@ -14,6 +16,11 @@ std::string Printable(const std::string& text) {
     i += length == 0 ? 1 : length;
   }
   return printable;
+}
+
+std::size_t Width(const std::string& text) {
+  const auto isContinuation = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
+  return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), isContinuation));
 }
 
 std::string Quote(const std::string& text) { return "\"" + text + "\""; }

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "common/names.h"
+#include "common/printable.h"
 
 namespace {
 

@@ -11,6 +11,7 @@
 #include <fstream>
 
 #include "commands.h"
+#include "common/printable.h"
 
 namespace {
 

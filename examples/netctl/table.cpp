@@ -3,12 +3,9 @@
 #include <algorithm>
 
 #include "common/json.h"
+#include "common/printable.h"
 
 namespace {
-
-bool IsControl(unsigned char byte) { return byte < 0x20 || byte == 0x7F; }
-
-bool IsContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; }
 
 std::string Join(const std::vector<std::string>& words) {
   std::string text;
@@ -25,11 +22,6 @@ struct CellText {
   std::string operator()(const std::vector<std::string>& words) const { return (*this)(Join(words)); }
 };
 
-// Characters, not bytes: columns stay straight under names with umlauts.
-std::size_t Width(const std::string& text) {
-  return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), IsContinuation));
-}
-
 struct CellJson {
   std::string operator()(const std::string& text) const { return JsonString(text); }
   std::string operator()(std::uint32_t number) const { return std::to_string(number); }
@@ -42,12 +34,6 @@ struct CellJson {
 };
 
 }  // namespace
-
-std::string Printable(const std::string& text) {
-  std::string printable = text;
-  std::replace_if(printable.begin(), printable.end(), IsControl, '?');
-  return printable;
-}
 
 std::string ToText(const Table& table) {
   std::vector<std::vector<std::string>> lines{table.columns};

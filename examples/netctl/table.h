@@ -15,9 +15,6 @@ struct Table {
   std::vector<std::vector<Cell>> rows;
 };
 
-/// Returns `text` with '?' for every control byte, so that it stays on its line and tells the terminal nothing.
-std::string Printable(const std::string& text);
-
 /// Returns aligned columns under a heading, for people. What is empty shows as "-".
 std::string ToText(const Table& table);
 

@@ -56,12 +56,6 @@ void AddCommand(const SharedFigures& figures, Lines& lines) {
   lines.emplace_back("output", output.substr(0, output.find('\n')));
 }
 
-// Characters, not bytes: the column stays straight under names with umlauts.
-std::size_t Width(const std::string& text) {
-  const auto isContinuation = [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) == 0x80; };
-  return text.size() - static_cast<std::size_t>(std::count_if(text.begin(), text.end(), isContinuation));
-}
-
 std::string JsonPeer(const SharedFigures& figures) {
   return "{\"state\":" + JsonString(GetText(figures.peerState)) +
          ",\"http_status\":" + (figures.peerHttpStatus == 0 ? "null" : std::to_string(figures.peerHttpStatus)) +

@@ -11,7 +11,7 @@ import subprocess
 import time
 
 import pytest
-from conftest import PATIENCE, Reply, command, read_all, wait_for
+from conftest import PATIENCE, Reply, command, read_all, run_statusd, wait_for
 
 SIMPLE = b"GET / HTTP/1.1\r\nHost: h\r\n\r\n"
 GOOD_ANSWER = b"HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhello"
@@ -621,10 +621,6 @@ def test_sighup_without_a_file_changes_nothing(statusd):
 # ------------------------------------------------------------------------------------------------------ start
 
 
-def run(*options):
-    return subprocess.run(command(*options), capture_output=True, text=True, errors="replace", timeout=PATIENCE)
-
-
 @pytest.mark.parametrize("options", [
     ["--unknown"], ["extra"], ["--peer"], ["--config"], ["-h"], [""], ["--report=1"],
     ["--listen", "8080"], ["--listen", "127.0.0.1"], ["--listen", "127.0.0.1:65536"], ["--listen", "localhost:0"],
@@ -637,7 +633,7 @@ def run(*options):
     ["--name", "x" * 65], ["--name", "two\nlines"],
 ])
 def test_bad_option_gives_one_line_and_status_2(options):
-    result = run(*options)
+    result = run_statusd(*options)
     assert (result.returncode, result.stdout) == (2, "")
     assert re.fullmatch(r"statusd: [^\n]+\n", result.stderr)
 
@@ -649,14 +645,14 @@ def test_bad_option_gives_one_line_and_status_2(options):
 def test_malformed_file_gives_its_line_and_status_2(tmp_path, text, line):
     config = tmp_path / "statusd.ini"
     config.write_text(text)
-    result = run("--config", config)
+    result = run_statusd("--config", config)
     assert (result.returncode, result.stdout) == (2, "")
     assert re.fullmatch(rf"statusd: [^\n]*statusd\.ini:{line}: [^\n]+\n", result.stderr)
 
 
 @pytest.mark.parametrize("path", ["/nonexistent", "/", "/dev/zero", ""])
 def test_unreadable_file_gives_status_2(path):
-    result = run("--config", path)
+    result = run_statusd("--config", path)
     assert (result.returncode, result.stdout) == (2, "")
     assert re.fullmatch(r"statusd: cannot read the settings file [^\n]+\n", result.stderr)
 
@@ -678,7 +674,7 @@ def test_shipped_settings_file_is_valid(statusd):
 def test_port_in_use_gives_status_1(statusd):
     """By another statusd of the same user, which is the likeliest mistake."""
     daemon = statusd()
-    result = run("--listen", f"127.0.0.1:{daemon.port}")
+    result = run_statusd("--listen", f"127.0.0.1:{daemon.port}")
     assert (result.returncode, result.stdout) == (1, "")
     assert result.stderr == f"statusd: cannot listen on 127.0.0.1:{daemon.port}: Address already in use\n"
     assert daemon.ask("/").status == 200
@@ -694,9 +690,9 @@ def test_restart_gets_its_port_back_at_once(statusd):
 
 
 def test_help_and_version():
-    assert "--listen IP:PORT" in run("--help").stdout
-    assert re.fullmatch(r"statusd \d+\.\d+\.\d+\n", run("--version").stdout)
-    assert run("--help").returncode == run("--version").returncode == 0
+    assert "--listen IP:PORT" in run_statusd("--help").stdout
+    assert re.fullmatch(r"statusd \d+\.\d+\.\d+\n", run_statusd("--version").stdout)
+    assert run_statusd("--help").returncode == run_statusd("--version").returncode == 0
 
 
 def test_report_prints_a_line_a_second(statusd):
