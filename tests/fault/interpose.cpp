@@ -915,14 +915,24 @@ int sem_post(sem_t* handle) noexcept {
   return instead ? static_cast<int>(*instead) : next(handle);
 }
 
+// As the ABI names the operator: with the letter of std::size_t.
+#define NEXT_NEW(type, rest) \
+  (reinterpret_cast<type>(Next(sizeof(std::size_t) > sizeof(unsigned int) ? "_Znwm" rest : "_Znwj" rest)))
+
 void* operator new(std::size_t size) {
-  // As the ABI names it: with the letter of std::size_t.
-  static const auto next =
-      reinterpret_cast<void* (*)(std::size_t)>(Next(sizeof size > sizeof(unsigned int) ? "_Znwm" : "_Znwj"));
+  static const auto next = NEXT_NEW(void* (*)(std::size_t), "");
   if (Replace("new")) {
     throw std::bad_alloc();
   }
   return next(size);
+}
+
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  static const auto next = NEXT_NEW(void* (*)(std::size_t, std::align_val_t), "St11align_val_t");
+  if (Replace("new")) {
+    throw std::bad_alloc();
+  }
+  return next(size, alignment);
 }
 
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
