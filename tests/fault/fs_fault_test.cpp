@@ -597,7 +597,7 @@ class Tree {
   std::string File() const { return Root() + "/file"; }
 
  private:
-  TempFolder mFolder{test::kListedParent};
+  TempFolder mFolder;
 };
 
 TEST(RemoveDirRecursivelyCalls, ClosesTheStreamBeforeTheDirectoryGoes) {

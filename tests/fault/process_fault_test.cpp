@@ -26,6 +26,7 @@
 
 #include "internal/unique_fd.h"
 #include "interpose.h"
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {
@@ -371,7 +372,7 @@ TEST(ExecChildMemory, LackOfItEndsTheChildWith127) {
 // Another thread of the caller may hold the allocator's lock, which stays locked in the child.
 TEST(ExecChildMemory, NoneIsTheAllocators) {
   const std::vector<std::string> args(20, std::string(1000, 'x'));
-  EXPECT_TRUE(test::IsTrueInFork([&args] {
+  EXPECT_TRUE(test::IsTrueInChild([&args] {
     (void)new Fault(FailInChild("new", ENOMEM));  // Must not come, and so must not end.
     return ExecWait("/bin/true", args, "", "").exitCode == 0;
   }));

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/kernel/namespace.h"
 #include "tests/support.h"
 
@@ -76,11 +77,11 @@ bool MakeFolder(const std::string& path, mode_t mode = 0700) { return ::mkdir(pa
 void SetMode(const std::string& path, mode_t mode) { EXPECT_EQ(::chmod(path.c_str(), mode), 0) << path; }
 
 void MakeReadOnly(const std::string& mountPoint) {
-  EXPECT_EQ(::mount(nullptr, mountPoint.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0) << std::strerror(errno);
+  EXPECT_EQ(::mount("none", mountPoint.c_str(), "none", MS_REMOUNT | MS_RDONLY, nullptr), 0) << std::strerror(errno);
 }
 
 void BindMount(const std::string& from, const std::string& to) {
-  EXPECT_EQ(::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr), 0) << std::strerror(errno);
+  EXPECT_EQ(::mount(from.c_str(), to.c_str(), "none", MS_BIND, nullptr), 0) << std::strerror(errno);
 }
 
 void Unmount(const std::string& path) { EXPECT_EQ(::umount2(path.c_str(), 0), 0) << std::strerror(errno); }

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include "tests/child.h"
 #include "tests/kernel/namespace.h"
 #include "tests/support.h"
 

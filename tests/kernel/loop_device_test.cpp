@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/kernel/namespace.h"
 #include "tests/support.h"
 
@@ -503,7 +504,7 @@ TEST_F(LoopDeviceFailure, FileThatCannotBeOpenedForReadingAndWriting) {
   ASSERT_EQ(::mkdir(At("folder").c_str(), 0700), 0);
   const std::string disk = Mount("tmpfs", "read-only");
   WriteFile(disk + "/image", Image("image"));
-  ASSERT_EQ(::mount(nullptr, disk.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  ASSERT_EQ(::mount("none", disk.c_str(), "none", MS_REMOUNT | MS_RDONLY, nullptr), 0);
   const std::pair<std::string, int> rows[] = {{At("missing"), ENOENT},
                                               {"", ENOENT},
                                               {At("image/x"), ENOTDIR},
@@ -573,13 +574,13 @@ TEST_F(LoopDeviceFailure, WithoutAControlDeviceNothingElseIsOpened) {
 
 TEST_F(LoopDeviceFailure, WithoutTheNodeOfTheFreeDevice) {
   WriteFile(At("control"), "");
-  ASSERT_EQ(::mount("/dev/loop-control", At("control").c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(::mount("/dev/loop-control", At("control").c_str(), "none", MS_BIND, nullptr), 0);
   EXPECT_EQ(test::InChild([this] {
               if (!HideDev()) {
                 return std::string("cannot hide /dev");
               }
               WriteFile("/dev/loop-control", "");
-              if (::mount(At("control").c_str(), "/dev/loop-control", nullptr, MS_BIND, nullptr) != 0) {
+              if (::mount(At("control").c_str(), "/dev/loop-control", "none", MS_BIND, nullptr) != 0) {
                 return std::string("cannot show /dev/loop-control");
               }
               return Refusal(At("image"), At(""));

@@ -20,6 +20,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "tests/child.h"
+
 namespace kiv::test {
 namespace {
 
@@ -244,16 +246,6 @@ bool KernelHas(const std::string& kind) {
   const std::string answer = Shell("ip link add kivprobe type " + kind + " 2>&1 && ip link delete kivprobe || true");
   return answer.find("Unknown device type") == std::string::npos &&
          answer.find("Operation not supported") == std::string::npos;
-}
-
-bool IsTrueInChild(const std::function<bool()>& claim) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    (void)::alarm(60);
-    ::_exit([&claim]() noexcept { return claim(); }() ? 0 : 1);
-  }
-  int status = -1;
-  return ::waitpid(child, &status, 0) == child && status == 0;
 }
 
 bool DropCapabilities() {

@@ -100,14 +100,11 @@ bool HasFlag(const std::string& name, const std::string& flag);
 /// Tells whether this kernel has a link kind.
 bool KernelHas(const std::string& kind);
 
-/// Returns what `claim` returns in a child process; one that dies, or lives for a minute, counts as false.
-bool IsTrueInChild(const std::function<bool()>& claim);
-
 /// Takes all capabilities from this process, for good. Its user stays: files of others are closed to it, its own ones
 /// as their modes say.
 bool DropCapabilities();
 
-/// As IsTrueInChild, in a child that has no capability left.
+/// As IsTrueInChild (tests/child.h), in a child that has no capability left.
 bool IsTrueUnprivileged(const std::function<bool()>& claim);
 
 /// Puts files in place of those below /proc/net, for this process alone, while it lives. Call WriteFile for each; what

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "internal/unique_fd.h"
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {
@@ -104,7 +105,7 @@ TEST_F(StartDetached, ReturnsWhileTheProgramRuns) {
 
 TEST_F(StartDetached, LeavesNoChildOfItsOwn) {
   (void)Finish("/bin/true", {});
-  EXPECT_TRUE(test::IsTrueInFork([] {  // Not its reaper: the program goes to this process's parent.
+  EXPECT_TRUE(test::IsTrueInChild([] {  // Not its reaper: the program goes to this process's parent.
     return StartProcessDetached("/bin/true", {}) && test::HasNoChild();
   }));
   EXPECT_EQ(Subreaper::Next(), 0);
@@ -132,7 +133,7 @@ bool TakeTerminal() {
 }
 
 TEST_F(StartDetached, TakesTheTerminalAway) {
-  EXPECT_TRUE(test::IsTrueInFork([this] {
+  EXPECT_TRUE(test::IsTrueInChild([this] {
     return TakeTerminal() && ExecWait(KIV_PROBE, {"report", In("near")}, "", "").exitCode == 0 &&
            StartProcessDetached(KIV_PROBE, {"report", In("far")});
   }));
@@ -149,7 +150,7 @@ void ReplaceStandardDescriptors(int fd) {
 }
 
 TEST_F(StartDetached, PutsTheFirstThreeDescriptorsOnDevNull) {
-  EXPECT_TRUE(test::IsTrueInFork([this] {
+  EXPECT_TRUE(test::IsTrueInChild([this] {
     ReplaceStandardDescriptors(UniqueFd(::open("/dev/zero", O_RDWR | O_CLOEXEC)).Get());
     return StartProcessDetached(KIV_PROBE, {"report", In("report")});
   }));
@@ -171,7 +172,7 @@ TEST_F(StartDetached, ClosesEveryOtherDescriptorInTheProgramAlone) {
 }
 
 TEST_F(StartDetached, LeavesTheCallersFirstThreeDescriptors) {
-  EXPECT_TRUE(test::IsTrueInFork([this] {
+  EXPECT_TRUE(test::IsTrueInChild([this] {
     const UniqueFd file(::open(In("file").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ReplaceStandardDescriptors(file.Get());
     (void)StartProcessDetached("/bin/sh", {"-c", "echo lost; echo lost >&2"});
@@ -185,7 +186,7 @@ TEST_F(StartDetached, LeavesTheCallersFirstThreeDescriptors) {
 
 // What it opens is close-on-exec, and the number it gets is one that nothing is copied to.
 TEST_F(StartDetached, WithoutStandardInputInTheCallerTheProgramHasNoneEither) {
-  EXPECT_TRUE(test::IsTrueInFork([this] {
+  EXPECT_TRUE(test::IsTrueInChild([this] {
     (void)::close(STDIN_FILENO);
     return StartProcessDetached(KIV_PROBE, {"report", In("report")});
   }));

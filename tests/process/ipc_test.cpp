@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::ipc {
@@ -77,7 +78,7 @@ bool IsEmpty(const SharedMemory& memory) { return !memory.IsValid() && memory.Ge
 // Makes a semaphore in another process. Where it is opened, the list of mappings shows its name; where it is made, that
 // list shows the name that it had before it was linked to its own.
 void MakeElsewhere(const std::string& name, unsigned value) {
-  EXPECT_TRUE(test::IsTrueInFork([&] { return Semaphore(name, value, kMode).IsValid(); }));
+  EXPECT_TRUE(test::IsTrueInChild([&] { return Semaphore(name, value, kMode).IsValid(); }));
 }
 
 bool IsMapped(const std::string& name) {

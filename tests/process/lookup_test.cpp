@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {

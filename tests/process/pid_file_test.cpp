@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {

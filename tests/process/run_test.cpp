@@ -27,6 +27,7 @@
 
 #include "internal/unique_fd.h"
 #include "process/child.h"
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {
@@ -351,7 +352,7 @@ TEST_P(BothWays, GiveTheProgramNoStandardInput) {
 }
 
 TEST_P(BothWays, WorkForACallerWithoutStandardInput) {
-  EXPECT_TRUE(test::IsTrueInFork([this] {
+  EXPECT_TRUE(test::IsTrueInChild([this] {
     (void)::close(STDIN_FILENO);
     const Report report = RunProbe();
     return report.at("stdin") == "Bad file descriptor" && report.at("fds") == "1 2";
@@ -599,7 +600,7 @@ TEST_F(ExecWaitCaptureOutput, IsCutByASignalThatInterruptsTheReading) {
 
 TEST(CloseInheritedDescriptors, ClosesAllFrom3OnAndNoOther) {
   for (const std::size_t count : {std::size_t{1}, std::size_t{50}, kMany}) {
-    EXPECT_TRUE(test::IsTrueInFork([count] {
+    EXPECT_TRUE(test::IsTrueInChild([count] {
       std::vector<UniqueFd> fds = OpenWithoutCloseOnExec(count);
       const bool isFar = ::fcntl(STDIN_FILENO, F_DUPFD, 4000) >= 4000;
       fds.erase(fds.begin());
@@ -613,7 +614,7 @@ TEST(CloseInheritedDescriptors, ClosesAllFrom3OnAndNoOther) {
 }
 
 TEST(CloseInheritedDescriptors, DoesNotNeedTheFirstThree) {
-  EXPECT_TRUE(test::IsTrueInFork([] {
+  EXPECT_TRUE(test::IsTrueInChild([] {
     const UniqueFd other(::dup(STDIN_FILENO));
     for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
       (void)::close(standard);

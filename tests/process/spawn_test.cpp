@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "internal/unique_fd.h"
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::process {

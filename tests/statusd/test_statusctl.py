@@ -224,7 +224,8 @@ def test_default_name(statusd, orphans):
         enter = space.enter
         assert_complains(statusctl(prefix=enter), "no statusd publishes at /statusd")
         assert space.run("ls", "-A", "/dev/shm").stdout == b""
-        daemon = statusd(prefix=["nsenter", "--mount", f"--target={space.pid}", "--"], share="/statusd")
+        daemon = statusd(prefix=["nsenter", "--mount", "--root", "--wd", f"--target={space.pid}", "--"],
+                         share="/statusd")
         wait_for(lambda: statusctl(prefix=enter).returncode == 0, "the figures")
         assert json.loads(statusctl("--json", prefix=enter).stdout)["url"] == daemon.url
         daemon.end()

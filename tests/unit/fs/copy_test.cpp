@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::fs {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::fs {

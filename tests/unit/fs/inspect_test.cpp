@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::fs {

@@ -6,6 +6,7 @@
 #include <climits>
 #include <string>
 
+#include "tests/child.h"
 #include "tests/support.h"
 
 namespace kiv::fs {
