@@ -227,6 +227,19 @@ inline std::string ReadFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+/// Tells whether `path` leads to something.
+inline bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+/// Returns what stat(2) tells of `path`.
+inline struct stat StatusOf(const std::string& path) {
+  struct stat status {};
+  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+  return status;
+}
+
+/// Returns the permission bits of `path`.
+inline mode_t ModeOf(const std::string& path) { return StatusOf(path).st_mode & 07777; }
+
 /// Sets the process's file mode creation mask while it lives.
 class Umask {
  public:

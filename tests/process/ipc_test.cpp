@@ -24,8 +24,11 @@
 namespace kiv::ipc {
 namespace {
 
+using test::Exists;
 using test::InChild;
+using test::ModeOf;
 using test::ReadFile;
+using test::StatusOf;
 using test::Untrue;
 using test::WriteFile;
 
@@ -41,14 +44,6 @@ std::string UniqueName(const std::string& suffix) { return "/kiv-" + std::to_str
 // Where the C library keeps the object of this name.
 std::string MemoryFile(const std::string& name) { return "/dev/shm" + name; }
 std::string SemaphoreFile(const std::string& name) { return "/dev/shm/sem." + name.substr(1); }
-
-bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
-
-struct stat StatusOf(const std::string& path) {
-  struct stat status {};
-  (void)::stat(path.c_str(), &status);
-  return status;
-}
 
 void Fill(const SharedMemory& memory, char value) { std::memset(memory.GetAddress(), value, memory.GetSize()); }
 
@@ -188,10 +183,10 @@ TEST_F(SharedMemoryConstruction, HoldsADescriptorThatProgramsDoNotGet) {
 TEST_F(SharedMemoryConstruction, GivesTheModeLessTheUmaskToANewObjectAlone) {
   const test::Umask umask(027);
   const SharedMemory first(mName, 1, 0666);
-  EXPECT_EQ(StatusOf(MemoryFile(mName)).st_mode & 07777, 0640U);
+  EXPECT_EQ(ModeOf(MemoryFile(mName)), 0640U);
 
   const SharedMemory second(mName, 1, 0600);
-  EXPECT_EQ(StatusOf(MemoryFile(mName)).st_mode & 07777, 0640U);
+  EXPECT_EQ(ModeOf(MemoryFile(mName)), 0640U);
 }
 
 TEST_F(SharedMemoryConstruction, RefusesANameWithoutASlashInFront) {
@@ -430,7 +425,7 @@ TEST_F(SemaphoreConstruction, OpensAnExistingOneWithTheCountAndModeThatItHas) {
 
   Semaphore second(mName, 5, 0600);
   EXPECT_EQ(Drain(second), 2);
-  EXPECT_EQ(StatusOf(SemaphoreFile(mName)).st_mode & 07777, 0640U);
+  EXPECT_EQ(ModeOf(SemaphoreFile(mName)), 0640U);
 }
 
 TEST_F(SemaphoreConstruction, FindsTheCountThatEarlierUsersLeft) {
@@ -452,7 +447,7 @@ TEST_F(SemaphoreConstruction, FindsTheCountThatEarlierUsersLeft) {
 TEST_F(SemaphoreConstruction, GivesTheModeLessTheUmask) {
   const test::Umask umask(027);
   const Semaphore semaphore(mName, 0, 0666);
-  EXPECT_EQ(StatusOf(SemaphoreFile(mName)).st_mode & 07777, 0640U);
+  EXPECT_EQ(ModeOf(SemaphoreFile(mName)), 0640U);
 }
 
 TEST_F(SemaphoreConstruction, LeavesNoDescriptor) {

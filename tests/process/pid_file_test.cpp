@@ -26,7 +26,9 @@
 namespace kiv::process {
 namespace {
 
+using test::Exists;
 using test::InChild;
+using test::ModeOf;
 using test::OtherProcess;
 using test::ReadFile;
 using test::Untrue;
@@ -44,13 +46,6 @@ std::string DeadPid() {
   const std::string text = Text(process.Pid());
   (void)process.End(SIGKILL);
   return text;
-}
-
-bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
-
-mode_t ModeOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 // Tells whether the lock of the file, under whatever name, can be had.

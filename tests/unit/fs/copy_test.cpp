@@ -22,7 +22,9 @@ namespace kiv::fs {
 namespace {
 
 using internal::UniqueFd;
+using test::ModeOf;
 using test::ReadFile;
+using test::StatusOf;
 using test::WriteFile;
 
 // Makes every filesystem have this many bytes free while it lives. What the disk under /tmp has, taken in 32 bits,
@@ -86,14 +88,6 @@ error CopyAndCount(const std::string& src, const std::string& dst, bool sync = f
   EXPECT_EQ(test::CountOpenFds(), before);
   return result;
 }
-
-struct stat StatusOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-  return status;
-}
-
-mode_t ModeOf(const std::string& path) { return StatusOf(path).st_mode & 07777; }
 
 // Bytes that differ from block to block.
 std::string Pattern(std::size_t size) {

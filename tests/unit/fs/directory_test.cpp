@@ -17,18 +17,13 @@
 namespace kiv::fs {
 namespace {
 
+using test::ModeOf;
 using test::WriteFile;
 
 // Tells whether there is an entry, be it a dangling link.
 bool IsThere(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0;
-}
-
-mode_t ModeOf(const std::string& path) {
-  struct stat status {};
-  EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777;
 }
 
 // The names in a directory in the order in which the kernel gives them.
