@@ -5,7 +5,8 @@
 
 namespace kiv::fs {
 
-/// Returns the position in `path` at which Basename(path) begins, for where no string can be made of it.
+/// Returns the position in `path` at which Basename(path) begins, for a child after fork(2), which must not allocate a
+/// string.
 inline std::size_t StartOfBasename(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string::npos ? 0 : slash + 1;

@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include "common/names.h"
+#include "common/number.h"
 #include "common/printable.h"
 
 namespace {
@@ -21,20 +21,18 @@ namespace net = kiv::net;
 namespace utils = kiv::utils;
 
 // Decimal digits and nothing else; a leading zero would leave open which base is meant.
-bool ParseNumber(const std::string& text, unsigned int max, unsigned int& number) {
-  const char* const end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  return error == std::errc() && stop == end && number <= max && (text[0] != '0' || text.size() == 1);
+bool ParseUpTo(const std::string& text, unsigned int max, unsigned int& number) {
+  return ParseNumber(text, number) && number <= max && (text[0] != '0' || text.size() == 1);
 }
 
 bool IsNumber(const std::string& text) {
   unsigned int number = 0;
-  return ParseNumber(text, USHRT_MAX, number);
+  return ParseUpTo(text, USHRT_MAX, number);
 }
 
 unsigned short Number(const std::string& text) {
   unsigned int number = 0;
-  (void)ParseNumber(text, USHRT_MAX, number);  // Checked before the command was run.
+  (void)ParseUpTo(text, USHRT_MAX, number);  // Checked before the command was run.
   return static_cast<unsigned short>(number);
 }
 
@@ -51,7 +49,7 @@ struct Prefix {
 bool ParsePrefix(const std::string& text, Prefix& prefix) {
   const std::vector<std::string> parts = utils::Split(text == "default" ? "0.0.0.0/0" : text, "/");
   unsigned int length = 0;
-  if (parts.size() != 2 || !IsAddress(parts[0]) || !ParseNumber(parts[1], 32, length)) {
+  if (parts.size() != 2 || !IsAddress(parts[0]) || !ParseUpTo(parts[1], 32, length)) {
     return false;
   }
   prefix = {parts[0], static_cast<unsigned char>(length)};
@@ -75,7 +73,7 @@ bool IsDigits(const std::string& text) { return text.find_first_not_of("01234567
 
 bool IsNamespace(const std::string& text) {
   unsigned int pid = 0;
-  return !IsDigits(text) || (ParseNumber(text, INT_MAX, pid) && pid > 0);
+  return !IsDigits(text) || (ParseUpTo(text, INT_MAX, pid) && pid > 0);
 }
 
 struct Kind {
@@ -113,7 +111,7 @@ std::vector<std::string> RouteFlagNames(unsigned int flags) {
 
 Result MoveToNetns(const Arguments& a) {
   unsigned int pid = 0;
-  if (ParseNumber(a[1], INT_MAX, pid)) {
+  if (ParseUpTo(a[1], INT_MAX, pid)) {
     return net::MoveInterfaceToNetns(a[0], static_cast<int>(pid));
   }
   const int fd = ::open(a[1].c_str(), O_RDONLY | O_CLOEXEC);

@@ -193,7 +193,7 @@ void PrintHelp() {
 }
 
 int RunLine(Words line) {
-  if (line == Words{"--help"} || line == Words{"-h"}) {
+  if (line == Words{"--help"}) {
     PrintHelp();
     return kDone;
   }

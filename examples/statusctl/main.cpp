@@ -19,8 +19,8 @@ const char kDefaultName[] = "/statusd";
 
 const char kHelp[] =
     "Usage: statusctl [--json] [/NAME]\n"
-    "Prints the figures that a statusd on this machine publishes under /NAME (/statusd), which its setting \"share\"\n"
-    "says.\n"
+    "Prints the figures that a statusd on this machine, with the option --share /NAME, publishes (/statusd). Only the\n"
+    "user that it runs as, and root, can read them.\n"
     "\n"
     "  --json             print one JSON object\n"
     "  --help, --version  print this, or the version, and end\n"

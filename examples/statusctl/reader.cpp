@@ -19,9 +19,11 @@ using Clock = std::chrono::steady_clock;
 
 std::string NobodyPublishes(const std::string& name) { return "no statusd publishes at " + name; }
 
-// Returns why there is no memory to read, by errno; it has no bytes for a moment after it was made.
+// Returns why memory or semaphore cannot be opened, by errno. Memory has no bytes (EINVAL) for a moment after it was
+// made.
 std::string ExplainMissing(const std::string& name) {
-  return errno == EACCES ? "cannot open " + name + ": " + std::strerror(errno) : NobodyPublishes(name);
+  const bool isAbsent = errno == ENOENT || errno == EINVAL;
+  return isAbsent ? NobodyPublishes(name) : "cannot open " + name + ": " + std::strerror(errno);
 }
 
 // Returns what is wrong with the memory, or nothing. What is read here never changes, and needs no semaphore.
@@ -45,9 +47,15 @@ std::string Check(const std::string& name, const kiv::ipc::SharedMemory& memory)
   return "";
 }
 
+// Where sem_overview(7) says that the semaphore is.
+std::string SemaphoreFile(const std::string& name) { return "/dev/shm/sem." + name.substr(1); }
+
 // Opening a semaphore makes one where there is none. That of a statusd that has ended since it was looked for is such a
 // one, and nobody else would ever remove it.
 kiv::ipc::Semaphore OpenSemaphore(const std::string& name) {
+  if (!kiv::fs::Exists(SemaphoreFile(name))) {
+    return {"", 0, 0};
+  }
   kiv::ipc::Semaphore turn(name, 1, kMode);
   if (turn.IsValid() && !kiv::ipc::SharedMemory(name, 0, kMode).IsValid()) {
     (void)kiv::ipc::Semaphore::Remove(name);
@@ -56,9 +64,9 @@ kiv::ipc::Semaphore OpenSemaphore(const std::string& name) {
   return turn;
 }
 
-// Tells whether a semaphore can be touched: one that is cut short is SIGBUS. Its file is where sem_overview(7) says.
+// Tells whether a semaphore can be touched: one that is cut short is SIGBUS.
 bool IsWhole(const std::string& name) {
-  const int size = kiv::fs::GetSize("/dev/shm/sem." + name.substr(1));
+  const int size = kiv::fs::GetSize(SemaphoreFile(name));
   return size < 0 || size == static_cast<int>(sizeof(sem_t));
 }
 
@@ -83,7 +91,7 @@ bool ReadFigures(const std::string& name, SharedFigures& out, std::string& error
   }
   kiv::ipc::Semaphore turn = OpenSemaphore(name);
   if (!turn.IsValid()) {
-    error = NobodyPublishes(name);
+    error = ExplainMissing(name);
     return false;
   }
   if (!IsWhole(name)) {

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr int kCutOff = 124;  // Of timeout(1), under which statusd runs its command.
+
 using Lines = std::vector<std::pair<std::string, std::string>>;
 
 std::vector<SharedProcess> Processes(const SharedFigures& figures) {
@@ -51,8 +53,10 @@ void AddCommand(const SharedFigures& figures, Lines& lines) {
     return;
   }
   const std::string output = GetText(figures.commandOutput);
-  lines.emplace_back("command", "exit " + std::to_string(figures.commandExitCode) + " after " +
-                                    std::to_string(figures.commandRuns) + " runs");
+  const std::string runs = figures.commandRuns == 1 ? " run" : " runs";
+  lines.emplace_back("command", "exit " + std::to_string(figures.commandExitCode) +
+                                    (figures.commandExitCode == kCutOff ? " (cut off)" : "") + " after " +
+                                    std::to_string(figures.commandRuns) + runs);
   lines.emplace_back("output", output.substr(0, output.find('\n')));
 }
 
@@ -82,6 +86,7 @@ std::string ToText(const SharedFigures& figures) {
       {"name", GetText(figures.name)},
       {"pid", std::to_string(figures.pid)},
       {"page", GetText(figures.url)},
+      {"published", std::to_string(AgeMs(figures)) + " ms ago"},
       {"up", std::to_string(figures.uptimeSeconds) + " s"},
       {"loop passes", std::to_string(figures.loopPasses)},
       {"timers", std::to_string(figures.timersFired)},

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <filesystem>
 #include <system_error>
 
+#include "common/number.h"
 #include "common/printable.h"
 #include "settings.h"
 
@@ -26,16 +26,15 @@ bool SetFlag(const std::string& option, CommandLine& out) {
 
 // "--interval-ms" is the setting "interval_ms"; empty for what cannot be an option with a value.
 std::string KeyOfOption(const std::string& option) {
-  std::string key = option.compare(0, 2, "--") == 0 ? option.substr(2) : "";
+  const bool mayBe = option.compare(0, 2, "--") == 0 && option.find('_') == std::string::npos;
+  std::string key = mayBe ? option.substr(2) : "";
   std::replace(key.begin(), key.end(), '-', '_');
   return key == "config" || key == "pidfile" || key == "user" || IsSetting(key) ? key : "";
 }
 
 // The largest number stands for "leave it as it is" in setuid's relatives.
 bool ParseId(const std::string& text, unsigned int& out) {
-  const char* end = text.data() + text.size();
-  const auto [stop, failure] = std::from_chars(text.data(), end, out);
-  return failure == std::errc() && stop == end && out != static_cast<unsigned int>(-1);
+  return ParseNumber(text, out) && out != static_cast<unsigned int>(-1);
 }
 
 bool ParseUser(const std::string& text, std::optional<User>& out) {

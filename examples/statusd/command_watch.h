@@ -14,7 +14,7 @@
 ///
 /// ExecWaitCapture blocks for as long as anything that the command left behind holds its output, and nothing can end
 /// it. So each run has a thread that nobody ever waits for, and that shares with this object no more than a way to
-/// report, which the destructor cuts. Everything here belongs to the loop thread.
+/// report, which the destructor cuts. Everything public belongs to the loop thread.
 class CommandWatch {
  public:
   CommandWatch(kiv::net::EventLoop& loop, CommandStatus& status);

@@ -55,7 +55,7 @@ bool Daemon::LockPidFile() {
   }
   // No call has failed, or only the one that asks for the lock, or that asks whether another user's process lives.
   const bool isHeld = errno == 0 || errno == EWOULDBLOCK || errno == EPERM;
-  Complain("cannot lock the pid file " + *mCommandLine.pidFile + ": " +
+  Complain("cannot lock the pid file " + Quote(*mCommandLine.pidFile) + ": " +
            (isHeld ? "it belongs to a process that is running" : std::strerror(errno)));
   return false;
 }
@@ -197,7 +197,7 @@ void Daemon::Publish() {
 
 void Daemon::Report() {
   mStatus.clients = mServer.ClientCount();
-  std::printf("%s\n", ToLine(mStatus).c_str());
+  std::printf("%s\n", Printable(ToLine(mStatus)).c_str());
   std::fflush(stdout);
 }
 

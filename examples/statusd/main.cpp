@@ -21,7 +21,9 @@ const char kHelp[] =
     "Serves a status page of this machine and of a peer, for people at / and for programs at /status.json.\n"
     "\n"
     "  --daemon                 go on in the background; try without it first, as nobody hears complaints then\n"
-    "  --pidfile PATH           write the process id to PATH, and lock it: a second statusd does not start\n"
+    "  --pidfile PATH           write the process id to the file PATH, whatever is in it, and lock it, so that a "
+    "second\n"
+    "                           statusd does not start; the file is removed at the end\n"
     "  --user UID:GID           give up the rights of root, once the pid file and the port are taken\n"
     "  --config FILE            read settings from FILE; SIGHUP reads it again\n"
     "  --listen IP:PORT         address of the page (127.0.0.1:8080); port 0 takes a free one\n"
@@ -35,7 +37,8 @@ const char kHelp[] =
     "  --command 'PROGRAM ARG'  what to run now and then, and to show the output of (nothing)\n"
     "  --command-interval-ms N  how often to run it (10000)\n"
     "  --restart-delay-ms N     how long a watched process, which only FILE can name, waits for a new start (5000)\n"
-    "  --share /NAME            publish figures in shared memory, for statusctl (nothing)\n"
+    "  --share /NAME            publish figures in shared memory, for statusctl (nothing); the last statusd to start\n"
+    "                           with a name has it\n"
     "  --report                 print a line a second of what is seen\n"
     "  --help, --version        print this, or the version, and end\n"
     "\n"
@@ -51,6 +54,14 @@ void OpenStandardDescriptors() {
   if (fd >= 0) {
     (void)::close(fd);
   }
+}
+
+int Print(const char* text) {
+  if (std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0) {
+    return 0;
+  }
+  Complain(std::string("cannot write: ") + std::strerror(errno));
+  return kRunTimeFailure;
 }
 
 bool Detach(CommandLine& commandLine) {
@@ -80,8 +91,7 @@ int main(int argc, char** argv) {
     return kUsageError;
   }
   if (commandLine.help || commandLine.version) {
-    std::printf("%s", commandLine.help ? kHelp : "statusd " STATUSD_VERSION "\n");
-    return 0;
+    return Print(commandLine.help ? kHelp : "statusd " STATUSD_VERSION "\n");
   }
   if (!LoadSettings(commandLine, settings, error)) {
     Complain(error);

@@ -117,7 +117,7 @@ void Publication::Publish(const Status& status, const std::string& url) {
 bool Publication::TakeTurn() {
   if (mTurn.TryWait()) {
     mFailures = 0;
-    return mMemory.IsValid();
+    return true;
   }
   return ++mFailures >= kMaxFailures && Make() && mTurn.TryWait();
 }
@@ -137,6 +137,9 @@ bool Publication::Make() {
   mTurn = kiv::ipc::Semaphore(mStatus.name, 1, kMode);
   mMemory = kiv::ipc::SharedMemory(mStatus.name, sizeof(SharedFigures), kMode);
   if (!mTurn.IsValid() || !mMemory.IsValid()) {
+    const int reason = errno;
+    Close();
+    errno = reason;
     return false;
   }
   static_cast<SharedFigures*>(mMemory.GetAddress())->pid = ::getpid();  // Whose it is can be seen from the beginning.

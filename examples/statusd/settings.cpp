@@ -4,9 +4,9 @@
 #include <kiv/utils.h>
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
+#include <iterator>
 
+#include "common/number.h"
 #include "common/printable.h"
 #include "common/shared_figures.h"
 #include "settings_file.h"
@@ -33,20 +33,17 @@ constexpr NumberKey kNumbers[] = {
     {"command_interval_ms", &Settings::commandIntervalMs, 1000, 3600000},
     {"restart_delay_ms", &Settings::restartDelayMs, 100, 3600000},
 };
-constexpr const char* kTexts[] = {"name", "listen", "peer", "command", "share"};
 
-bool ParseNumber(const std::string& text, long min, long max, long& out) {
+bool ParseWithin(const std::string& text, long min, long max, long& out) {
   long value = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, failure] = std::from_chars(text.data(), end, value);
-  if (failure != std::errc() || stop != end || value < min || value > max) {
+  if (!ParseNumber(text, value) || value < min || value > max) {
     return false;
   }
   out = value;
   return true;
 }
 
-// A name of 1 to `max` bytes, which is safe to show.
+// A name of 1 to `max` bytes, which stays on its line.
 bool IsName(const std::string& text, std::size_t max) {
   const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
   return !text.empty() && text.size() <= max && std::none_of(text.begin(), text.end(), isControl);
@@ -65,7 +62,7 @@ bool SetListen(const std::string& text, Settings& out) {
   const std::string ip = text.substr(0, colon);
   unsigned int address = 0;
   long port = 0;
-  if (colon == text.size() || !kiv::net::IPtoN(ip, address) || !ParseNumber(text.substr(colon + 1), 0, 65535, port)) {
+  if (colon == text.size() || !kiv::net::IPtoN(ip, address) || !ParseWithin(text.substr(colon + 1), 0, 65535, port)) {
     return false;
   }
   out.listenIp = ip;
@@ -109,9 +106,30 @@ bool SetProgram(const std::string& line, Program& out) {
   return true;
 }
 
+bool SetCommand(const std::string& line, Settings& out) { return SetProgram(line, out.command); }
+
+struct TextKey {
+  const char* key;
+  bool (*set)(const std::string& value, Settings& out);
+  const char* wants;
+};
+
+constexpr TextKey kTexts[] = {
+    {"name", SetName, "have 1 to 64 bytes and no control characters"},
+    {"listen", SetListen, "be an IPv4 address and a port, such as 127.0.0.1:8080"},
+    {"peer", SetPeer, "be an http:// URL with an IPv4 address or localhost, such as http://192.0.2.1:8080/"},
+    {"command", SetCommand, "have no NUL bytes"},
+    {"share", SetShare, "be a name such as /statusd, of 200 bytes at most and not beginning with /sem."},
+};
+
+template <typename Keys>
+auto FindKey(const Keys& keys, const std::string& key) {
+  return std::find_if(std::begin(keys), std::end(keys), [&key](const auto& known) { return key == known.key; });
+}
+
 // Returns what is wrong with the setting, or nothing.
 std::string SetNumber(const NumberKey& number, const std::string& value, Settings& out) {
-  return ParseNumber(value, number.min, number.max, out.*number.field)
+  return ParseWithin(value, number.min, number.max, out.*number.field)
              ? ""
              : std::string(number.key) + " must be a number from " + std::to_string(number.min) + " to " +
                    std::to_string(number.max) + ", not " + Quote(value);
@@ -119,23 +137,11 @@ std::string SetNumber(const NumberKey& number, const std::string& value, Setting
 
 // Returns what is wrong with the setting, or nothing.
 std::string Set(const std::string& key, const std::string& value, Settings& out) {
-  if (key == "name") {
-    return SetName(value, out) ? "" : "name must have 1 to 64 bytes and no control characters";
+  const auto* const text = FindKey(kTexts, key);
+  if (text != std::end(kTexts)) {
+    return text->set(value, out) ? "" : key + " must " + text->wants + ", not " + Quote(value);
   }
-  if (key == "listen") {
-    return SetListen(value, out) ? "" : "listen must be IP:PORT, such as 127.0.0.1:8080, not " + Quote(value);
-  }
-  if (key == "peer") {
-    return SetPeer(value, out) ? "" : "peer must be a URL such as http://192.0.2.1:8080/, not " + Quote(value);
-  }
-  if (key == "command") {
-    return SetProgram(value, out.command) ? "" : "command must have no NUL bytes";
-  }
-  if (key == "share") {
-    return SetShare(value, out) ? "" : "share must be a name such as /statusd, not " + Quote(value);
-  }
-  const auto isKey = [&key](const NumberKey& number) { return key == number.key; };
-  const auto* const number = std::find_if(std::begin(kNumbers), std::end(kNumbers), isKey);
+  const auto* const number = FindKey(kNumbers, key);
   return number != std::end(kNumbers) ? SetNumber(*number, value, out) : "unknown setting " + Quote(key);
 }
 
@@ -190,9 +196,7 @@ bool ApplyFile(const std::string& path, Settings& out, std::string& error) {
 }  // namespace
 
 bool IsSetting(const std::string& key) {
-  const auto isKey = [&key](const NumberKey& number) { return key == number.key; };
-  return std::find(std::begin(kTexts), std::end(kTexts), key) != std::end(kTexts) ||
-         std::any_of(std::begin(kNumbers), std::end(kNumbers), isKey);
+  return FindKey(kTexts, key) != std::end(kTexts) || FindKey(kNumbers, key) != std::end(kNumbers);
 }
 
 bool LoadSettings(const CommandLine& commandLine, Settings& out, std::string& error) {

@@ -2,7 +2,9 @@
 
 #include <kiv/utils.h>
 
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <fstream>
 
 #include "common/printable.h"
@@ -12,13 +14,15 @@ namespace {
 constexpr std::size_t kMaxFileSize = 65536;
 const char kBlanks[] = " \t\r\f\v";
 
-bool ReadFile(const std::string& path, std::string& text) {
+// Returns why the file cannot be read, or nothing.
+std::string ReadFile(const std::string& path, std::string& text) {
+  errno = 0;
   std::ifstream file(path, std::ios::binary);
   text.resize(kMaxFileSize);
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   // The end must have been met: a directory fails, and a device that never ends does not get there.
-  return file.eof();
+  return file.eof() ? "" : errno != 0 ? std::strerror(errno) : "it has 64 KiB or more";
 }
 
 std::string Trimmed(const std::string& line) {
@@ -42,8 +46,9 @@ std::string Parse(const std::string& text, SettingsLine& line) {
 
 bool ReadSettingsFile(const std::string& path, std::vector<SettingsLine>& out, std::string& error) {
   std::string content;
-  if (!ReadFile(path, content)) {
-    error = "cannot read the settings file " + Quote(path);
+  const std::string failure = ReadFile(path, content);
+  if (!failure.empty()) {
+    error = "cannot read the settings file " + Quote(path) + ": " + failure;
     return false;
   }
   SettingsLine line{};

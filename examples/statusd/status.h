@@ -32,10 +32,10 @@ struct NetworkStatus {
 /// What is known of the processes of one name.
 struct ProcessStatus {
   std::string name;
-  std::string command;    ///< What starts a missing one; may be empty.
-  std::size_t count = 0;  ///< How many there are.
-  std::vector<int> pids;  ///< The first of them.
-  unsigned long starts = 0;
+  std::string command;       ///< What starts a missing one; may be empty.
+  std::size_t count = 0;     ///< How many there are.
+  std::vector<int> pids;     ///< The first of them.
+  unsigned long starts = 0;  ///< Tries; whether the program could be started is not known.
   std::optional<std::chrono::steady_clock::time_point> lastStart;
 };
 

@@ -123,6 +123,9 @@ KIV_EXPORT int GetSizeFS(const std::string& path);
 
 /// Owns the attachment of a file, such as a disk image, to a free loop device, so that it can be mounted. Needs the
 /// rights to open /dev/loop-control and the devices (CAP_SYS_ADMIN as a rule). Belongs to one thread. See loop(4).
+///
+/// The attachment belongs to the kernel: a process that is killed leaves it there, until somebody detaches it, with
+/// losetup -d for instance.
 class KIV_EXPORT LoopDevice {
  public:
   /// Attaches `file` to a free loop device, to be read and written, from byte `offset` to its end. The device has whole

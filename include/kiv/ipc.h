@@ -6,9 +6,10 @@
 
 #include <string>
 
-/// Named POSIX shared memory and semaphores, by which programs on one machine share state. Names begin with '/' and
-/// have no other one: see shm_overview(7) and sem_overview(7). Objects in the kernel outlive their users, until Remove
-/// or a reboot. Failures leave errno as the failing call set it. Each object belongs to one thread.
+/// Named POSIX shared memory and semaphores, by which programs on one machine share state. Names begin with '/',
+/// hold no second '/', and have some 250 bytes at most: see shm_overview(7) and sem_overview(7). Objects in the kernel
+/// outlive their users, until Remove or a reboot. Descriptors are close-on-exec. Failures leave errno as the failing
+/// call set it. Each object belongs to one thread; any thread may call Remove.
 namespace kiv::ipc {
 
 /// Owns a mapping, to be read and written, of a named shared memory object.
@@ -21,7 +22,9 @@ class KIV_EXPORT SharedMemory {
   /// 4 GiB and more, what the low 32 bits of its size say); `mode` does not matter.
   ///
   /// The object is empty when the name is empty or does not begin with '/', when any call failed, and when what exists
-  /// has no bytes. Existing mappings see a new size at once: a process that touches pages behind it dies of SIGBUS.
+  /// has no bytes. Existing mappings see a new size at once: a process that touches pages after its end dies of SIGBUS.
+  /// So does one that is the first to write to a page when the filesystem of the objects, /dev/shm, is full: memory is
+  /// allocated then, and not here.
   SharedMemory(const std::string& name, unsigned int size, unsigned int mode);
 
   /// Takes the mapping over; `other` is empty then, with a size of 0.
@@ -46,7 +49,8 @@ class KIV_EXPORT SharedMemory {
   /// with errno of shm_unlink(3), when there is none or it may not be removed.
   static bool Remove(const std::string& name);
 
-  /// Returns the first byte of the mapping, aligned to a page; MAP_FAILED (<sys/mman.h>) when nothing is mapped.
+  /// Returns the first byte of the mapping, aligned to a page; MAP_FAILED (<sys/mman.h>) when nothing is mapped. Valid
+  /// until the mapping ends; it stays the same when another object takes the mapping over.
   void* GetAddress() const { return mAddress; }
 
   /// Returns the bytes mapped. Without a mapping, it says nothing.

@@ -22,14 +22,16 @@ struct ExecResult {
 
 /// Runs a program and waits for its end, with standard output and standard error in files.
 ///
-/// `path` is searched in PATH when it holds no slash. `args` are the arguments behind the program's name, which is the
+/// `path` is searched in PATH when it holds no slash. `args` are the arguments after the program's name, which is the
 /// last component of `path`. Each file is created with mode 0644 less the umask, or emptied; an empty name is
 /// /dev/null. Give two different files: each stream has an offset of its own and would overwrite the other's text.
 ///
-/// The program has no standard input (descriptor 0 is closed), no descriptor of the caller above 2, no blocked signal,
-/// and the caller's ignored ones. Returns an empty output and the exit code; a file that cannot be opened gives 127, as
-/// does a program. Blocks without limit until the program ends; signals (EINTR) do not end the wait. The caller should
-/// have descriptors 0, 1 and 2 open, on /dev/null for instance. A FIFO as a file waits for a reader.
+/// The program has no standard input (descriptor 0 is closed) and no descriptor of the caller above 2. It begins with
+/// no signal blocked; signals that the caller ignores stay ignored. Environment, working directory, umask, user and
+/// limits are the caller's. The caller should have descriptors 0, 1 and 2 open, on /dev/null for instance.
+///
+/// Returns an empty output and the exit code; a file that cannot be opened gives 127, as does a program. Blocks without
+/// limit until the program ends; signals (EINTR) do not end the wait. A FIFO as a file waits for a reader.
 KIV_EXPORT ExecResult ExecWait(const std::string& path, const std::vector<std::string>& args,
                                const std::string& stdoutFile, const std::string& stderrFile);
 
@@ -44,14 +46,15 @@ KIV_EXPORT ExecResult ExecWaitCapture(const std::string& path, const std::vector
 
 /// Starts a program that lives on by itself: in a session of its own, with descriptors 0, 1 and 2 on /dev/null (the
 /// caller's own where that cannot be opened), and as a child of the system's reaper. `path` and `args` are those of
-/// ExecWait, and so are the signals and the other descriptors.
+/// ExecWait; so are the other descriptors, the signals, and what the program gets from the caller.
 ///
 /// Returns false only when the first fork(2) fails. Whether the program could be started is not learned. Blocks for no
 /// longer than a short-lived child takes.
 KIV_EXPORT bool StartProcessDetached(const std::string& path, const std::vector<std::string>& args);
 
 /// Turns the calling process into a daemon: a process of its own session, without terminal, in the directory "/", with
-/// umask 0, descriptors 0, 1 and 2 on /dev/null, all others closed, and SIGPIPE ignored.
+/// umask 0, descriptors 0, 1 and 2 on /dev/null, all others closed, and SIGPIPE ignored. Signal mask, other handlers,
+/// user, environment and memory stay as they are.
 ///
 /// Call it first, before any thread, event loop, pid file or socket. Returns 0 in the daemon, which has a new process
 /// id. Returns 1, with errno of fork(2), when nothing has changed and the caller is still the calling process.
@@ -61,14 +64,15 @@ KIV_EXPORT int Daemonize();
 
 /// Drops the supplementary groups, then sets group and user of the whole process, for good unless `uid` is 0.
 ///
-/// Returns true only when the real and effective ids are those asked for afterwards. After false the process may have
-/// lost some of its rights already: end it.
+/// Needs the right to set groups (CAP_SETGID), even where nothing would change. Returns true only when the real and
+/// effective ids are those asked for afterwards. After false, with errno of the failing call, the process may have lost
+/// some of its rights already: end it.
 KIV_EXPORT bool DropRootPrivileges(unsigned int uid, unsigned int gid);
 
 /// Makes sure that only one instance of a program runs, by an exclusive lock on a file with its process id.
 ///
-/// The file holds the decimal process id without a newline. The lock is an advisory flock(2) lock. Belongs to the
-/// process that locked it: a forked child must not run the destructor.
+/// The file holds the decimal process id without a newline. The lock is an advisory flock(2) lock. Belongs to one
+/// thread, and to the process that locked it: a forked child must not run the destructor.
 class KIV_EXPORT PidFile {
  public:
   /// Remembers the path, which should be absolute: it is used again at the end. Touches no file.
@@ -80,12 +84,15 @@ class KIV_EXPORT PidFile {
   ~PidFile();
 
   /// Creates the file, with mode 0644 less the umask, or opens it, takes the lock without waiting, and writes the
-  /// process id. Call it once.
+  /// process id. Call it once. Blocks for as long as the storage takes to keep the file (fsync(2)).
   ///
   /// Returns true when this object holds the file. Returns false, with nothing left open, when the lock is held, when
-  /// the file names a live process (any live process or thread: only the number is known), or when a step fails; errno
-  /// then says why only if a call failed, and a file that was stale may be empty. Everything but the number of a live
-  /// process counts as stale and is overwritten, a number with a newline behind it included. Reading a FIFO waits.
+  /// the file names a live process (any live process or thread: only the number is known), or when a step fails, which
+  /// may leave a stale file empty. Everything but the number of a live process counts as stale and is overwritten, a
+  /// number with a newline after it included. Reading a FIFO waits.
+  ///
+  /// To tell why it returned false, set errno to 0 before. Then it is EWOULDBLOCK when the lock is held; 0, or EPERM
+  /// for another user's, when the file names a live process; and otherwise that of the failing call.
   bool Lock();
 
  private:

@@ -214,7 +214,9 @@ TEST_F(PidFileLock, LeavesAFileWithALiveHolderUntouched) {
   const std::size_t descriptors = test::CountOpenFds();
   {
     PidFile file(Path());
+    errno = 0;
     EXPECT_FALSE(file.Lock());
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(test::CountOpenFds(), descriptors);
     EXPECT_TRUE(IsFree(Path()));
   }
@@ -232,7 +234,8 @@ TEST_F(PidFileLock, IsRefusedByAnotherUsersProcess) {
 
   EXPECT_EQ(test::WithoutPrivileges([this] {
               PidFile file(Path());
-              return ::kill(1, 0) == -1 && errno == EPERM && !file.Lock();
+              errno = 0;
+              return !file.Lock() && errno == EPERM;
             }),
             1);
   EXPECT_EQ(ReadFile(Path()), "1");

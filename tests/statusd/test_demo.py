@@ -24,8 +24,10 @@ def temporary():
 
 
 def start(temporary, *options, prefix=()):
+    # What runs in the background of a script ignores SIGINT, and a script cannot change that for itself.
     return subprocess.Popen([*prefix, DEMO, *options], env={**os.environ, "TMPDIR": temporary, "HOME": temporary},
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True)
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, start_new_session=True,
+                            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
 
 
 def assert_gone(url):

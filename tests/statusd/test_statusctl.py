@@ -185,6 +185,7 @@ def test_plain_output_has_a_line_for_each_figure(share, statusd, tmp_path):
     lines = lines_by_key(done.stdout)
     assert (lines["name"], lines["pid"], lines["page"]) == ("device", str(daemon.pid), daemon.url)
     assert re.match(r"\d+\b", lines["up"])
+    assert re.fullmatch(r"\d+ ms ago", lines["published"])
     for key in ("loop passes", "timers", "requests", "clients"):
         assert re.match(r"\d+\b", lines[key]), key
     assert "down" in lines["peer"]
@@ -192,9 +193,27 @@ def test_plain_output_has_a_line_for_each_figure(share, statusd, tmp_path):
     assert lines["process nobody"] == "0 running"
     assert re.search(r"^command: +exit 3 after [1-9]\d* runs?\b", done.stdout, re.M)
     assert "first line" in done.stdout and "second" not in done.stdout
-    starts = [re.match(r"(?:name|pid|page|up|loop passes|timers|requests|clients|peer): +", line)
+    starts = [re.match(r"(?:name|pid|page|published|up|loop passes|timers|requests|clients|peer): +", line)
               for line in done.stdout.splitlines()]
     assert len({start.end() for start in starts if start}) == 1, "not aligned"
+
+
+def test_figures_of_a_daemon_that_hangs_show_their_age(share, statusd):
+    daemon = publishing(statusd, share)
+    daemon.process.send_signal(signal.SIGSTOP)
+    try:
+        age = wait_for(lambda: (figures := published(share)) and figures["age_ms"] > 3000 and figures["age_ms"],
+                       "old figures")
+        shown = re.fullmatch(r"(\d+) ms ago", lines_by_key(statusctl(share).stdout)["published"])
+        assert int(shown[1]) >= age
+    finally:
+        daemon.process.send_signal(signal.SIGCONT)
+
+
+def test_command_that_was_cut_off_is_called_so(share, statusd):
+    statusd(share=share, command="sleep 1000")
+    wait_for(lambda: (figures := published(share)) and figures["command"]["exit_code"] == 124, "its end")
+    assert lines_by_key(statusctl(share).stdout)["command"] == "exit 124 (cut off) after 1 run"
 
 
 def test_plain_output_without_anything_to_watch(share, statusd):
@@ -238,7 +257,7 @@ def test_default_name(statusd, orphans):
 
 
 @pytest.mark.parametrize("options", [["--unknown"], ["/a", "/b"], ["-h"], ["--json=1"], [""], ["--json", "/a", "/b"],
-                                     ["name"], ["/a/b"], ["/"], ["/" + "a" * 200]])
+                                     ["name"], ["/a/b"], ["/"], ["/" + "a" * 200], ["/sem.statusd"]])
 def test_wrong_usage_gives_one_line_and_status_2(options):
     done = statusctl(*options)
     assert (done.returncode, done.stdout) == (2, "")
@@ -276,6 +295,23 @@ def test_nobody_publishes(share, options):
     """Opening a semaphore makes one, which must not stay."""
     assert_complains(statusctl(*options, share), f"no statusd publishes at {share}")
     assert shared_objects(share) == []
+
+
+def test_missing_semaphore_is_not_made(share, original):
+    with forged(share, original):
+        os.unlink("/dev/shm/sem." + share[1:])
+        assert_complains(statusctl(share), f"no statusd publishes at {share}")
+        assert not os.path.exists("/dev/shm/sem." + share[1:])
+
+
+@pytest.mark.parametrize("mine", ["", "sem."], ids=["memory", "semaphore"])
+def test_what_is_anothers_is_told(share, original, mine):
+    need(os.geteuid() == 0, "not run by root")
+    nobody = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
+    with forged(share, original):
+        for name in {share[1:], "sem." + share[1:]} - {mine + share[1:]}:
+            os.chmod("/dev/shm/" + name, 0o666)
+        assert_complains(statusctl(share, prefix=nobody), f"cannot open {share}: Permission denied")
 
 
 def test_longest_name(share, statusd):

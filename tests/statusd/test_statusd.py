@@ -622,7 +622,7 @@ def test_sighup_without_a_file_changes_nothing(statusd):
 
 
 @pytest.mark.parametrize("options", [
-    ["--unknown"], ["extra"], ["--peer"], ["--config"], ["-h"], [""], ["--report=1"],
+    ["--unknown"], ["--max_clients", "1"], ["extra"], ["--peer"], ["--config"], ["-h"], [""], ["--report=1"],
     ["--listen", "8080"], ["--listen", "127.0.0.1"], ["--listen", "127.0.0.1:65536"], ["--listen", "localhost:0"],
     ["--listen", "127.0.0.1:"], ["--listen", ":80"], ["--listen", "127.0.0.1:-1"], ["--listen", "127.0.0.1:8 "],
     ["--peer", "https://127.0.0.1/"], ["--peer", "127.0.0.1"], ["--peer", "http:///x"],
@@ -650,11 +650,14 @@ def test_malformed_file_gives_its_line_and_status_2(tmp_path, text, line):
     assert re.fullmatch(rf"statusd: [^\n]*statusd\.ini:{line}: [^\n]+\n", result.stderr)
 
 
-@pytest.mark.parametrize("path", ["/nonexistent", "/", "/dev/zero", ""])
-def test_unreadable_file_gives_status_2(path):
+@pytest.mark.parametrize("path, why", [
+    ("/nonexistent", "No such file or directory"), ("", "No such file or directory"), ("/", "Is a directory"),
+    ("/dev/zero", "it has 64 KiB or more"),
+])
+def test_unreadable_file_gives_status_2(path, why):
     result = run_statusd("--config", path)
     assert (result.returncode, result.stdout) == (2, "")
-    assert re.fullmatch(r"statusd: cannot read the settings file [^\n]+\n", result.stderr)
+    assert result.stderr == f'statusd: cannot read the settings file "{path}": {why}\n'
 
 
 def test_file_with_everything(statusd, tmp_path):
@@ -695,11 +698,23 @@ def test_help_and_version():
     assert run_statusd("--help").returncode == run_statusd("--version").returncode == 0
 
 
+@pytest.mark.parametrize("option", ["--help", "--version"])
+def test_help_that_cannot_be_written_gives_status_1(option):
+    with open("/dev/full", "w") as full:
+        done = subprocess.run(command(option), stdout=full, stderr=subprocess.PIPE, text=True, timeout=PATIENCE)
+    assert (done.returncode, done.stderr) == (1, "statusd: cannot write: No space left on device\n")
+
+
 def test_report_prints_a_line_a_second(statusd):
     daemon = statusd("--report", name="device", peer="http://127.0.0.1:1/")
     lines = [daemon.process.stdout.readline().decode() for _ in range(2)]
     for line in lines:
         assert re.fullmatch(r"device: up \d+ s, \d+ passes, \d+ requests, peer down\n", line)
+
+
+def test_report_tells_the_terminal_nothing(statusd):
+    daemon = statusd("--report", name="a\u009b31mb")  # An 8-bit control sequence, in UTF-8.
+    assert daemon.process.stdout.readline().startswith(b"a?31mb: up ")
 
 
 def test_report_outlives_its_reader(statusd):

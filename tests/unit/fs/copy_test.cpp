@@ -61,7 +61,8 @@ FreeSpace* FreeSpace::current = nullptr;
 // The library's calls come here, for they are in this executable.
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int statfs(const char* path, struct statfs* filesystem) noexcept {
-  static const auto next = reinterpret_cast<int (*)(const char*, struct statfs*)>(::dlsym(RTLD_NEXT, "statfs"));
+  const char* const name = sizeof(off_t) > sizeof(long) ? "statfs64" : "statfs";  // The latter has 32-bit counts there.
+  static const auto next = reinterpret_cast<int (*)(const char*, struct statfs*)>(::dlsym(RTLD_NEXT, name));
   const int result = next(path, filesystem);
   if (result == 0 && kiv::fs::FreeSpace::current != nullptr) {
     kiv::fs::FreeSpace::current->Answer(path, *filesystem);
