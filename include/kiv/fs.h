@@ -37,10 +37,10 @@ KIV_EXPORT const char* to_string(error value);
 /// slash at its end a link is followed, as everywhere: "link/" empties the directory, and then fails with io_error.
 ///
 /// Returns success; not_found when there is no such entry; stat_failed when it cannot be looked at; dir_open_failed
-/// when the directory cannot be read; permission_denied or io_error when the entry itself cannot be removed. The first
-/// entry that cannot be removed ends the work in its directory, and that directory then fails with the result of its
-/// own rmdir(2), io_error as a rule: what went wrong further down is not told. One descriptor is open for each level,
-/// and a level deeper than the limit of descriptors or the length of a path allows fails in the same way.
+/// when the directory cannot be opened; permission_denied or io_error when the entry itself cannot be removed. The
+/// first entry that cannot be removed ends the work in its directory, and that directory then fails with the result of
+/// its own rmdir(2), io_error as a rule: what went wrong further down is not told. One descriptor is open for each
+/// level, and a level deeper than the limit of descriptors or the length of a path allows fails in the same way.
 KIV_EXPORT error RemoveDirRecursively(const std::string& path);
 
 /// Creates one directory with mode 0777 less the umask; parents are not created.

@@ -45,16 +45,17 @@ KIV_EXPORT ExecResult ExecWait(const std::string& path, const std::vector<std::s
 KIV_EXPORT ExecResult ExecWaitCapture(const std::string& path, const std::vector<std::string>& args);
 
 /// Starts a program that lives on by itself: in a session of its own, with descriptors 0, 1 and 2 on /dev/null (the
-/// caller's own where that cannot be opened), and as a child of the system's reaper. `path` and `args` are those of
-/// ExecWait; so are the other descriptors, the signals, and what the program gets from the caller.
+/// caller's own where that cannot be opened; the caller should have all three open), and as a child of the system's
+/// reaper. `path` and `args` are those of ExecWait; so are the other descriptors, the signals, and what the program
+/// gets from the caller.
 ///
 /// Returns false only when the first fork(2) fails. Whether the program could be started is not learned. Blocks for no
 /// longer than a short-lived child takes.
 KIV_EXPORT bool StartProcessDetached(const std::string& path, const std::vector<std::string>& args);
 
 /// Turns the calling process into a daemon: a process of its own session, without terminal, in the directory "/", with
-/// umask 0, descriptors 0, 1 and 2 on /dev/null, all others closed, and SIGPIPE ignored. Signal mask, other handlers,
-/// user, environment and memory stay as they are.
+/// umask 0, descriptors 0, 1 and 2 on /dev/null, all others closed (those that /proc/self/fd lists), and SIGPIPE
+/// ignored. Signal mask, other handlers, user, environment and memory stay as they are.
 ///
 /// Call it first, before any thread, event loop, pid file or socket. Returns 0 in the daemon, which has a new process
 /// id. Returns 1, with errno of fork(2), when nothing has changed and the caller is still the calling process.

@@ -260,6 +260,23 @@ TEST(CopyIdentity, SameFileIsNotOpenedForWriting) {
   EXPECT_TRUE(ReadFile(files.Source()) == files.Content());
 }
 
+TEST(CopyIdentity, NumbersOfAnotherFilesystemDoNotCount) {
+  const CopyFiles files;
+  WriteFile(files.Destination(), "old");
+  struct stat source = test::StatusOf(files.Source());
+  const struct stat destination = test::StatusOf(files.Destination());
+  for (const bool isOtherDevice : {true, false}) {
+    source.st_dev = destination.st_dev + (isOtherDevice ? 1 : 0);
+    source.st_ino = destination.st_ino;
+    const Fault fault = GiveFrom("fstat", Octets(source));
+
+    EXPECT_EQ(CopyWithRoom(files), success);
+
+    EXPECT_EQ(files.AreEqual(), isOtherDevice);
+    WriteFile(files.Destination(), "old");
+  }
+}
+
 TEST(CopySource, OtherTypeIsClosedAndLeftAlone) {
   const CopyFiles files;
   const std::size_t before = CountOpenFds();

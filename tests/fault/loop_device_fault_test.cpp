@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "interpose.h"
+#include "tests/child.h"
 #include "tests/support.h"
 
 // No loop device is touched here: the descriptors are eventfds, and every ioctl is answered by a Fault.
@@ -95,6 +96,24 @@ TEST(LoopDeviceCreation, MakesTheseCallsInThisOrder) {
   EXPECT_TRUE(device.IsValid());
   EXPECT_EQ(device.GetPath(), "/dev/loop7");
   device.Close();
+}
+
+// A daemon that was started without a standard input gets such a number.
+TEST(LoopDeviceCreation, TakesADescriptorWithTheNumber0) {
+  EXPECT_TRUE(test::IsTrueInChild([] {
+    const int control = EventFd(0).Release();
+    const int image = EventFd(0).Release();
+    (void)::close(STDIN_FILENO);
+    (void)EventFd(0).Release();  // Takes the number.
+    const Fault faults[] = {{"open", control, 0, 1}, {"open", image, 0, 2}, {"open", STDIN_FILENO, 0, 3},
+                            {"ioctl", 3, 0, 1},      {"ioctl", 0, 0, 2},    {"ioctl", 0, 0, 3},
+                            {"ioctl", 0, 0, 4}};
+    const CallLog log;
+    LoopDevice device(kImage, 0);
+    const bool isAttached = device.IsValid() && test::IsOpen(STDIN_FILENO);
+    device.Close();
+    return isAttached && log.Of("ioctl").size() == 4 && !test::IsOpen(STDIN_FILENO) && !device.IsValid();
+  }));
 }
 
 TEST(LoopDeviceCreation, HandsEachCallItsDescriptor) {

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -53,6 +54,14 @@ using Args = std::vector<long long>;
 
 // There is none such: a child gets as far as execvp, and ends with 127.
 constexpr char kNoProgram[] = "/nonexistent/program";
+
+// A child that runs the exit handlers of its caller, in which a daemon's static objects end, ends with 99.
+const pid_t kCaller = ::getpid();
+const int kTrap = std::atexit([] {
+  if (::getpid() != kCaller) {
+    ::_exit(99);
+  }
+});
 
 // The part of a child's calls that goes through the list of descriptors: from its open to its last read.
 std::pair<Names::const_iterator, Names::const_iterator> ListOf(const Names& lines) {
@@ -324,10 +333,13 @@ TEST(ExecWaitCaptureRead, KeepsEveryByte) {
   EXPECT_EQ(ExecWaitCapture(kNoProgram, {}).output, block + "\n");
 }
 
+TEST(ExecWaitFailure, ExitHandlersAreSet) { EXPECT_EQ(kTrap, 0); }
+
+// The program writes more than a pipe holds, and so ends only when nobody can read that any more.
 TEST(ExecWaitCaptureRead, OutOfMemoryStillAwaitsTheChild) {
   const std::size_t before = CountOpenFds();
-  const std::string path = kNoProgram;
-  const std::vector<std::string> args;
+  const std::string path = "/usr/bin/head";
+  const std::vector<std::string> args = {"-c", "1000000", "/dev/zero"};
   const auto capture = [&] {
     const Fault output = GiveFrom("read", std::string(100, 'x'));
     const Fault memory = FailCall("new", ENOMEM);

@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -130,6 +131,9 @@ class LoopDeviceKernel : public test::MountTest {
     MountTest::TearDown();
   }
 };
+
+static_assert(!std::is_copy_constructible_v<LoopDevice> && !std::is_copy_assignable_v<LoopDevice>);
+static_assert(std::is_nothrow_move_constructible_v<LoopDevice> && std::is_nothrow_move_assignable_v<LoopDevice>);
 
 using LoopDeviceAttach = LoopDeviceKernel;
 using LoopDeviceClose = LoopDeviceKernel;
@@ -532,7 +536,7 @@ TEST_F(LoopDeviceFailure, FileThatIsNeitherRegularNorABlockDevice) {
 }
 
 // The device that a failed construction had chosen is there for the next one.
-TEST_F(LoopDeviceFailure, LeavesTheFreeDeviceToTheNext) {
+TEST_F(LoopDeviceFailure, IsNotInTheWayOfTheNext) {
   EXPECT_EQ(Refusal("/dev/null", At("")), std::strerror(EINVAL));
 
   EXPECT_TRUE(HoldsDevice(Attach(At("image")), At("image")));

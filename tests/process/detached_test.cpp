@@ -206,11 +206,16 @@ TEST_F(StartDetached, StartsTheProgramWithNoSignalBlocked) {
 }
 
 TEST_F(StartDetached, LeavesIgnoredSignalsIgnored) {
-  auto* const saved = std::signal(SIGUSR1, SIG_IGN);
-  const int code = Finish("/bin/sh", {"-c", "kill -USR1 $$; exit 3"});
-  (void)std::signal(SIGUSR1, saved);
-  EXPECT_EQ(code, 3);
-  EXPECT_EQ(Finish("/bin/sh", {"-c", "kill -USR1 $$; exit 3"}), 128 + SIGUSR1);
+  for (const int signo : {SIGUSR1, SIGPIPE}) {
+    const std::string text = "kill -" + std::to_string(signo) + " $$; exit 3";
+    auto* const saved = std::signal(signo, SIG_IGN);
+    const int ignoring = Finish("/bin/sh", {"-c", text});
+    (void)std::signal(signo, SIG_DFL);
+    const int dying = Finish("/bin/sh", {"-c", text});
+    (void)std::signal(signo, saved);
+    EXPECT_EQ(ignoring, 3);
+    EXPECT_EQ(dying, 128 + signo);
+  }
 }
 
 TEST_F(StartDetached, KeepsFolderAndUmaskOfTheCaller) {

@@ -201,6 +201,19 @@ TEST_F(SharedMemoryConstruction, RefusesANameWithoutASlashInFront) {
   EXPECT_EQ(StatusOf(MemoryFile(mName)).st_size, 4096);
 }
 
+TEST_F(SharedMemoryConstruction, TakesADescriptorWithTheNumber0) {
+  EXPECT_EQ(InChild([this] {
+              (void)::close(STDIN_FILENO);
+              SharedMemory memory(mName, 4096, kMode);
+              if (!memory.IsValid() || !test::IsOpen(STDIN_FILENO)) {
+                return std::string("not opened");
+              }
+              memory.Close();
+              return Untrue({{"closed", !test::IsOpen(STDIN_FILENO)}, {"empty", IsEmpty(memory)}});
+            }),
+            "");
+}
+
 TEST_F(SharedMemoryConstruction, IsEmptyForANameThatTheKernelRefuses) {
   const std::size_t before = test::CountOpenFds();
   const std::vector<std::pair<std::string, int>> names = {

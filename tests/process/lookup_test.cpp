@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -193,6 +194,24 @@ TEST(GetProcessName, IsEmptyWithoutSuchAProcess) {
   for (const int pid : {static_cast<int>(ended), 0, -1, -::getpid(), INT_MAX, INT_MIN}) {
     EXPECT_EQ(GetProcessName(pid), "") << pid;
   }
+}
+
+TEST(GetProcessName, MayBeAskedByManyThreadsAtOnce) {
+  const OtherProcess processes[] = {OtherProcess(Named("first")), OtherProcess(Named("second"))};
+  const std::string names[] = {"first", "second"};
+  std::atomic<unsigned> wrong = 0;
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < 4; ++i) {
+    threads.emplace_back([&, &process = processes[i % 2], &name = names[i % 2]] {
+      for (int n = 0; n < 3000; ++n) {
+        wrong += GetProcessName(process.Pid()) == name ? 0 : 1;
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  EXPECT_EQ(wrong, 0U);
 }
 
 TEST(GetProcessName, LeavesNoDescriptor) {

@@ -121,6 +121,20 @@ TEST_F(PidFileLock, MakesTheFileWithMode0644LessTheUmask) {
   }
 }
 
+TEST_F(PidFileLock, HoldsADescriptorWithTheNumber0) {
+  EXPECT_EQ(InChild([this] {
+              (void)::close(STDIN_FILENO);
+              {
+                PidFile file(Path());
+                if (!file.Lock() || !test::IsOpen(STDIN_FILENO) || IsFree(Path())) {
+                  return std::string("not locked");
+                }
+              }
+              return Untrue({{"closed", !test::IsOpen(STDIN_FILENO)}, {"removed", !Exists(Path())}});
+            }),
+            "");
+}
+
 TEST_F(PidFileLock, KeepsTheModeOfAnExistingFile) {
   WriteFile(Path(), "");
   ASSERT_EQ(::chmod(Path().c_str(), 0660), 0);

@@ -244,6 +244,11 @@ std::string ArgumentLines(const Strings& args) {
   return lines;
 }
 
+TEST(ExecResult, BeginsAsThatOfAProgramThatWasNotStarted) {
+  EXPECT_EQ(ExecResult().exitCode, 127);
+  EXPECT_EQ(ExecResult().output, "");
+}
+
 TEST_P(BothWays, GiveTheExitCodeOfTheProgram) {
   for (const int code : {0, 1, 3, 126, 127, 128, 137, 255}) {
     EXPECT_EQ(Run("/bin/sh", {"-c", "exit " + std::to_string(code)}).exitCode, code);
@@ -380,6 +385,7 @@ TEST_P(BothWays, StartTheProgramWithNoSignalBlocked) {
 
 TEST_P(BothWays, LeaveIgnoredSignalsIgnoredAndOthersAtTheirDefault) {
   const Disposition ignored(SIGUSR1, SIG_IGN);
+  const Disposition ignoredAsInADaemon(SIGPIPE, SIG_IGN);
   const Disposition caught(SIGUSR2, CountSignal);
   const std::string mine = test::ReadFile("/proc/self/status");
   const std::string status = Run("/bin/cat", {"/proc/self/status"}).text;

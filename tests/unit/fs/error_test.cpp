@@ -57,6 +57,9 @@ TEST(ErrorToString, AnyOtherNumberIsUnknown) {
 TEST(ErrorToString, TextIsStatic) {
   EXPECT_EQ(to_string(io_error), to_string(io_error));
   EXPECT_EQ(to_string(FromNumber(14)), to_string(FromNumber(15)));
+  const char* const first = to_string(io_error);
+  EXPECT_STREQ(to_string(no_space), "No space left on device or quota exceeded");
+  EXPECT_STREQ(first, "I/O error or unexpected condition");
 }
 
 }  // namespace
