@@ -24,9 +24,6 @@ class UniqueDir {
     return entry == nullptr ? nullptr : entry->d_name;
   }
 
-  /// Returns the stream's descriptor, which stays its own.
-  int Fd() const noexcept { return ::dirfd(mStream); }
-
   /// Closes the stream now. Leaves errno as it was, so that a failure keeps its reason.
   void Close() noexcept {
     if (mStream != nullptr) {

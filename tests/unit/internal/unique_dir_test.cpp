@@ -42,21 +42,21 @@ TEST(UniqueDir, FileIsNotValid) {
 TEST(UniqueDir, OwnsOneDescriptorClosedOnExec) {
   const test::TempFolder folder;
   const std::size_t before = test::CountOpenFds();
+  const int number = test::NextFd();
 
   const UniqueDir dir(folder.Path().c_str());
 
   ASSERT_TRUE(dir.IsValid());
   EXPECT_EQ(test::CountOpenFds(), before + 1);
-  EXPECT_TRUE(IsOpen(dir.Fd()));
-  EXPECT_EQ(::fcntl(dir.Fd(), F_GETFD), FD_CLOEXEC);
+  EXPECT_TRUE(IsOpen(number));
+  EXPECT_EQ(::fcntl(number, F_GETFD), FD_CLOEXEC);
 }
 
 TEST(UniqueDir, DestructorCloses) {
   const test::TempFolder folder;
-  int number = -1;
+  const int number = test::NextFd();
   {
     const UniqueDir dir(folder.Path().c_str());
-    number = dir.Fd();
     ASSERT_TRUE(IsOpen(number));
   }
 
@@ -82,8 +82,10 @@ TEST(UniqueDirNext, GivesEveryNameOnce) {
 
 TEST(UniqueDirClose, ClosesNow) {
   const test::TempFolder folder;
+  const int number = test::NextFd();
   UniqueDir dir(folder.Path().c_str());
-  const int number = dir.Fd();
+
+  ASSERT_TRUE(IsOpen(number));
 
   dir.Close();
 
@@ -93,8 +95,8 @@ TEST(UniqueDirClose, ClosesNow) {
 
 TEST(UniqueDirClose, TwiceClosesOnce) {
   const test::TempFolder folder;
+  const int number = test::NextFd();
   UniqueDir dir(folder.Path().c_str());
-  const int number = dir.Fd();
   dir.Close();
   const UniqueFd sameNumber = test::EventFd(0);
   ASSERT_EQ(sameNumber.Get(), number);
@@ -116,8 +118,9 @@ TEST(UniqueDirClose, OfNothingDoesNothing) {
 
 TEST(UniqueDirClose, FailedCloseKeepsErrno) {
   const test::TempFolder folder;
+  const int number = test::NextFd();
   UniqueDir dir(folder.Path().c_str());
-  ASSERT_EQ(::close(dir.Fd()), 0);
+  ASSERT_EQ(::close(number), 0);
 
   errno = EPIPE;
   dir.Close();
