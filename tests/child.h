@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <initializer_list>
@@ -20,6 +22,7 @@
 #include <utility>
 
 #include "internal/unique_fd.h"
+#include "tests/support.h"
 
 namespace kiv::test {
 
@@ -71,6 +74,19 @@ inline std::string InChild(const std::function<std::string()>& report) {
   int status = -1;
   (void)::waitpid(child, &status, 0);
   return status == 0 ? text : "child ended with wait status " + std::to_string(status);
+}
+
+/// Returns what `run` writes to standard output and standard error, in a forked process.
+inline std::string OutputOf(const std::function<void()>& run) {
+  (void)std::fflush(nullptr);
+  return InChild([&run] {
+    const internal::UniqueFd file(::memfd_create("output", MFD_CLOEXEC));
+    (void)::dup2(file.Get(), STDOUT_FILENO);
+    (void)::dup2(file.Get(), STDERR_FILENO);
+    run();
+    (void)std::fflush(nullptr);
+    return ReadFile("/proc/self/fd/" + std::to_string(file.Get()));
+  });
 }
 
 /// Returns the names of the claims that are false, one a line: a report for InChild that is empty when all is well.

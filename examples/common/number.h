@@ -6,7 +6,7 @@
 #include <system_error>
 
 /// Reads a decimal number that is all of `text`, without blanks or a plus sign. Returns false when it is none, or none
-/// that `out` can hold.
+/// that `out` can hold; `out` then has any value.
 template <typename Number>
 bool ParseNumber(const std::string& text, Number& out) {
   const char* const end = text.data() + text.size();

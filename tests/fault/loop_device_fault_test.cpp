@@ -98,6 +98,16 @@ TEST(LoopDeviceCreation, MakesTheseCallsInThisOrder) {
   device.Close();
 }
 
+TEST(LoopDeviceCreation, SaysNothingWhenItFails) {
+  EXPECT_EQ(test::OutputOf([] {
+              for (const Step failing : {kOpenControl, kGetFree, kOpenImage, kOpenDevice, kSetFd, kSetStatus}) {
+                const InventedDriver driver(failing, EIO);
+                const LoopDevice device(kImage, 0);
+              }
+            }),
+            "");
+}
+
 // A daemon that was started without a standard input gets such a number.
 TEST(LoopDeviceCreation, TakesADescriptorWithTheNumber0) {
   EXPECT_TRUE(test::IsTrueInChild([] {

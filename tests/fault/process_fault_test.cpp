@@ -333,6 +333,24 @@ TEST(ExecWaitCaptureRead, KeepsEveryByte) {
   EXPECT_EQ(ExecWaitCapture(kNoProgram, {}).output, block + "\n");
 }
 
+TEST(ProcessFailure, SaysNothing) {
+  const std::string output = test::OutputOf([] {
+    const auto execWait = [] { (void)ExecWait(kNoProgram, {}, "", ""); };
+    const auto capture = [] { (void)ExecWaitCapture(kNoProgram, {}); };
+    const auto detached = [] { (void)StartProcessDetached(kNoProgram, {}); };
+    const std::pair<const char*, std::function<void()>> failures[] = {
+        {"fork", execWait},   {"waitpid", execWait}, {"pipe2", capture},    {"fork", capture},
+        {"waitpid", capture}, {"fork", detached},    {"waitpid", detached}, {"fork", [] { (void)Daemonize(); }}};
+    for (const auto& [call, run] : failures) {
+      const Fault fault = FailCall(call, EAGAIN);
+      run();
+    }
+    (void)DropRootPrivileges(1, static_cast<unsigned int>(-1));
+  });
+
+  EXPECT_EQ(output, "");
+}
+
 TEST(ExecWaitFailure, ExitHandlersAreSet) { EXPECT_EQ(kTrap, 0); }
 
 // The program writes more than a pipe holds, and so ends only when nobody can read that any more.

@@ -359,6 +359,14 @@ TEST_F(LoopDeviceClose, MountedDeviceIsDetachedWhenItIsUnmounted) {
   EXPECT_TRUE(BecomesTrue([&] { return CountAttached(At("disk")) == 0; }));
 }
 
+// The end of the process closes the descriptor and runs no destructor.
+TEST_F(LoopDeviceAttach, OutlivesAProcessThatIsKilled) {
+  const std::string path = test::InChild([this] { return (new LoopDevice(At("image"), 0))->GetPath(); });
+
+  EXPECT_EQ(BackingFile(path), At("image"));
+  (void)Shell("losetup -d " + path);
+}
+
 TEST_F(LoopDeviceClose, DetachesAndLeavesTheObjectEmpty) {
   const std::size_t before = test::CountOpenFds();
   LoopDevice device = Attach(At("image"));

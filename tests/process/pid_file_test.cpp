@@ -241,6 +241,18 @@ TEST_F(PidFileLock, LeavesAFileWithALiveHolderUntouched) {
   EXPECT_EQ(ReadFile(Path()), OwnPid());
 }
 
+TEST_F(PidFileLock, SaysNothing) {
+  EXPECT_EQ(test::OutputOf([this] {
+              (void)PidFile(Path("missing/pid")).Lock();
+              WriteFile(Path("live"), OwnPid());
+              (void)PidFile(Path("live")).Lock();
+              PidFile held(Path());
+              (void)held.Lock();
+              (void)PidFile(Path()).Lock();
+            }),
+            "");
+}
+
 TEST_F(PidFileLock, IsRefusedByAnotherUsersProcess) {
   WriteFile(Path(), "1");
   ASSERT_EQ(::chmod(Path().c_str(), 0666), 0);

@@ -175,8 +175,8 @@ def test_relative_paths_are_those_of_its_starter(background, share, folder):
         "1 :2", "1:2 ", "+1:2", "0x1:1", "1.0:1", "99999999999999999999:0", "18446744073709551616:0")),
     ["--user", "4294967295:0"], ["--user", "0:4294967295"],  # -1, which the kernel takes for "leave it"
     ["--user"], ["--pidfile"], ["--daemon=yes"], ["--daemon", "yes"], ["--share", "x"], ["--share", "/"],
-    ["--share", "/a/b"], ["--share", "/sem.a"], ["--share", "//a"], ["--share", "/" + "a" * 200], ["--command-interval-ms", "999"],
-    ["--command-interval-ms", "3600001"], ["--command-interval-ms", "1e4"], ["--restart-delay-ms", "99"],
+    ["--share", "/a/b"], ["--share", "/sem.a"], ["--share", "//a"], ["--share", "/" + "a" * 200],
+    ["--command-interval-ms", "999"], ["--command-interval-ms", "3600001"], ["--command-interval-ms", "1e4"], ["--restart-delay-ms", "99"],
     ["--restart-delay-ms", "3600001"], ["--watch", "x"], ["--interval-ms", "1"], ["--config", "/nonexistent"],
 ], ids=lambda words: " ".join(words)[:30])
 @pytest.mark.parametrize("flags", [[], ["--daemon"]], ids=["foreground", "daemon"])
