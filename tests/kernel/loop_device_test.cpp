@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -361,7 +362,12 @@ TEST_F(LoopDeviceClose, MountedDeviceIsDetachedWhenItIsUnmounted) {
 
 // The end of the process closes the descriptor and runs no destructor.
 TEST_F(LoopDeviceAttach, OutlivesAProcessThatIsKilled) {
-  const std::string path = test::InChild([this] { return (new LoopDevice(At("image"), 0))->GetPath(); });
+  test::OtherProcess holder([this] {
+    static const LoopDevice kept(At("image"), 0);
+    WriteFile(At("path"), kept.GetPath());
+  });
+  (void)holder.End(SIGKILL);
+  const std::string path = ReadFile(At("path"));
 
   EXPECT_EQ(BackingFile(path), At("image"));
   (void)Shell("losetup -d " + path);
