@@ -3,7 +3,9 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+
+#include "internal/table.h"
+#include "utils/split.h"
 
 namespace kiv::net {
 namespace {
@@ -18,16 +20,6 @@ std::uint32_t ToNumber(const char* text, char** end, int base) {
   const bool negative = text[std::strspn(text, " \f\n\r\t\v")] == '-';
   const unsigned long long magnitude = negative ? 0 - wide : wide;
   return magnitude > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(wide);
-}
-
-std::vector<std::string> SplitColumns(utils::StringView line) {
-  std::vector<std::string> columns;
-  for (std::string& piece : utils::Split(line, " ")) {
-    if (!piece.empty()) {
-      columns.push_back(std::move(piece));
-    }
-  }
-  return columns;
 }
 
 bool IsMac(const std::string& text) {
@@ -76,26 +68,10 @@ ArpState ParseState(const std::string& text) {
   return end == text.c_str() + text.size() ? ToState(flags) : ArpState::Unknown;
 }
 
-// Hands every line of the file but the heading to `parse`, and keeps the records of those it accepts.
-template <typename Record>
-std::vector<Record> ReadTable(const char* path, bool (*parse)(utils::StringView, Record&)) {
-  std::vector<Record> records;
-  std::ifstream file(path);
-  std::string line;
-  (void)std::getline(file, line);  // The heading; without a file no line follows.
-  while (std::getline(file, line)) {
-    Record record;
-    if (parse(line, record)) {
-      records.push_back(std::move(record));
-    }
-  }
-  return records;
-}
-
 }  // namespace
 
 bool ParseArpLine(utils::StringView line, ArpEntry& entry) {
-  std::vector<std::string> columns = SplitColumns(line);
+  std::vector<std::string> columns = utils::SplitColumns(line);
   if (columns.size() < kArpColumns) {
     return false;
   }
@@ -110,7 +86,11 @@ bool ParseArpLine(utils::StringView line, ArpEntry& entry) {
   return true;
 }
 
-std::vector<ArpEntry> GetArpTable() { return ReadTable<ArpEntry>("/proc/net/arp", ParseArpLine); }
+std::vector<ArpEntry> GetArpTable() {
+  std::vector<ArpEntry> entries;
+  internal::ReadTable("/proc/net/arp", 1, ParseArpLine, entries);
+  return entries;
+}
 
 std::uint32_t ParseHex(const char* text) {
   if (text == nullptr) {
@@ -141,7 +121,9 @@ bool ParseRouteLine(utils::StringView line, RoutingTableEntry& entry) {
 }
 
 std::vector<RoutingTableEntry> GetRoutingTable() {
-  return ReadTable<RoutingTableEntry>("/proc/net/route", ParseRouteLine);
+  std::vector<RoutingTableEntry> entries;
+  internal::ReadTable("/proc/net/route", 1, ParseRouteLine, entries);
+  return entries;
 }
 
 }  // namespace kiv::net

@@ -14,9 +14,7 @@ bool IsSpace(char byte) {
 
 std::string_view Bytes(StringView text) { return {text.Data(), text.Size()}; }
 
-std::string Copy(std::string_view bytes) { return std::string(bytes); }
-
-std::string CopyTrimmed(std::string_view bytes) { return Copy(Bytes(Trim(StringView(bytes.data(), bytes.size())))); }
+std::string CopyTrimmed(std::string_view bytes) { return ToString(Trim({bytes.data(), bytes.size()})); }
 
 }  // namespace
 
@@ -36,6 +34,8 @@ StringView Trim(StringView text) {
   return {first, size};
 }
 
+std::string ToString(StringView text) { return std::string(Bytes(text)); }
+
 std::vector<std::string> Split(StringView text, StringView delimiter) {
   std::vector<std::string> fields;
   if (delimiter.Empty()) {
@@ -45,11 +45,21 @@ std::vector<std::string> Split(StringView text, StringView delimiter) {
   std::size_t begin = 0;
   for (std::size_t end = bytes.find(Bytes(delimiter)); end != std::string_view::npos;
        end = bytes.find(Bytes(delimiter), begin)) {
-    fields.push_back(Copy(bytes.substr(begin, end - begin)));
+    fields.emplace_back(bytes.substr(begin, end - begin));
     begin = end + delimiter.Size();
   }
-  fields.push_back(Copy(bytes.substr(begin)));
+  fields.emplace_back(bytes.substr(begin));
   return fields;
+}
+
+std::vector<std::string> SplitColumns(StringView line) {
+  std::vector<std::string> columns;
+  for (std::string& piece : Split(line, " ")) {
+    if (!piece.empty()) {
+      columns.push_back(std::move(piece));
+    }
+  }
+  return columns;
 }
 
 std::pair<std::string, std::string> SplitKeyValue(StringView text, StringView separator) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <kiv/utils.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <random>
@@ -220,6 +221,45 @@ TEST(Split, FieldsJoinToTheTextAgain) {
     }
 
     ASSERT_EQ(joined, text + ":") << i;
+  }
+}
+
+TEST(SplitColumns, RunsOfBlanksSeparate) {
+  EXPECT_EQ(SplitColumns("a b"), (Fields{"a", "b"}));
+  EXPECT_EQ(SplitColumns("   8       0 sda 1"), (Fields{"8", "0", "sda", "1"}));
+}
+
+TEST(SplitColumns, BlanksAroundGiveNoColumn) { EXPECT_EQ(SplitColumns("  a  "), Fields{"a"}); }
+
+TEST(SplitColumns, OtherWhitespaceSeparatesNothing) {
+  EXPECT_EQ(SplitColumns("a\tb\nc\rd\ve\ff"), Fields{"a\tb\nc\rd\ve\ff"});
+  EXPECT_EQ(SplitColumns("a \t b\n"), (Fields{"a", "\t", "b\n"}));
+}
+
+TEST(SplitColumns, TextWithoutAColumnGivesNone) {
+  for (const StringView text : {StringView(), StringView(""), StringView(" "), StringView("     ")}) {
+    EXPECT_EQ(SplitColumns(text), Fields{});
+  }
+}
+
+TEST(SplitColumns, NulBytesAreBytesLikeOthers) {
+  EXPECT_EQ(SplitColumns(std::string("a\0b \0", 5)), (Fields{std::string("a\0b", 3), std::string(1, '\0')}));
+}
+
+TEST(SplitColumns, ReadsNothingOutsideTheView) {
+  const std::string text = "ab cd";
+
+  EXPECT_EQ(SplitColumns(StringView(text.data(), 4)), (Fields{"ab", "c"}));
+}
+
+TEST(SplitColumns, AgreesWithASlowReferenceOnRandomText) {
+  std::mt19937 random(1702);
+  for (int i = 0; i < 20000; ++i) {
+    const std::string text = RandomText(random, 30);
+    Fields expected = SplitSlowly(text, " ");
+    expected.erase(std::remove(expected.begin(), expected.end(), ""), expected.end());
+
+    ASSERT_EQ(SplitColumns(text), expected) << i;
   }
 }
 
