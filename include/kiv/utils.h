@@ -4,12 +4,16 @@
 #include <kiv/export.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// Text helpers and the host name. Text is bytes, without any encoding assumed. Nothing here keeps state or blocks, and
-/// everything may be called from any thread.
+/// Text helpers, the kernel's figures, and the host name. Text is bytes, without any
+/// encoding assumed. Everything may be called from any thread, but for SystemStats::GetCpuUsage, which alone keeps
+/// state. Failures leave errno as the failing call set it, which is nothing where only the contents of a file were
+/// wrong. Files are read until they end, without limit, and as a rule without waiting; a signal (EINTR) does not end
+/// that. The descriptor of a file that is being read is not close-on-exec.
 namespace kiv::utils {
 
 /// Refers to bytes that somebody else owns; needs no terminator. Pass it by value.
@@ -64,6 +68,92 @@ KIV_EXPORT std::vector<std::string> Split(StringView text, StringView delimiter)
 /// empty or all whitespace, when the separator is empty, or when it does not occur. The key alone is empty when the
 /// trimmed text begins with the separator.
 KIV_EXPORT std::pair<std::string, std::string> SplitKeyValue(StringView text, StringView separator);
+
+/// Figures of the machine as a whole, from /proc; see proc(5).
+class KIV_EXPORT SystemStats {
+ public:
+  /// Shares of the processors' time, in percent of all processors together. When the kernel's counters have gone
+  /// backwards, as that of iowait may (proc(5)), they can be any numbers.
+  struct CpuUsage {
+    double user;    ///< 7/10 of the time that was not idle, whoever spent it.
+    double system;  ///< 3/10 of it.
+    double idle;    ///< Time without work, time that waited for disks included.
+  };
+
+  /// How many processes ran or waited for a processor or a disk, as exponential means over so many minutes.
+  struct LoadAvg {
+    double one;
+    double five;
+    double fifteen;
+  };
+
+  /// Memory in KiB. What the kernel does not tell is 0.
+  struct MemInfo {
+    std::uint64_t total;
+    std::uint64_t free;       ///< Used for nothing at all.
+    std::uint64_t available;  ///< An estimate of what programs can have without swapping; 0 before Linux 3.14.
+  };
+
+  /// Computes the usage since the previous call of anybody in this process. For one thread only.
+  ///
+  /// Returns true with `out` filled. Returns false, with `out` untouched, the first time, when no clock tick has passed
+  /// since the call before, and when /proc/stat cannot be read or does not begin with at least four counters.
+  static bool GetCpuUsage(CpuUsage& out);
+
+  /// Reads the load averages. Returns false, with `out` untouched, when /proc/loadavg does not give all three.
+  static bool GetLoadAvg(LoadAvg& out);
+
+  /// Reads the seconds since the machine started, sleep included. Returns false, with `seconds` untouched, when
+  /// /proc/uptime does not give them.
+  static bool GetUptime(double& seconds);
+
+  /// Reads the memory figures. Returns true when the total is known; false, with `out` untouched, when /proc/meminfo
+  /// cannot be opened, and false, with what was found in `out`, when it gives no total.
+  static bool GetMemory(MemInfo& out);
+};
+
+/// Traffic of the network interfaces, from /proc/net/dev: those of the main thread's network namespace.
+class KIV_EXPORT NetStats {
+ public:
+  /// Totals since the interface was created. They may begin again at 0; on old kernels they have 32 bits.
+  struct IfaceStats {
+    std::string name;
+    std::uint64_t rxBytes;
+    std::uint64_t txBytes;
+    std::uint64_t rxPackets;
+    std::uint64_t txPackets;
+  };
+
+  /// Replaces `out` by all interfaces, in the kernel's order. Returns false, with `out` empty, when there is none or
+  /// the file cannot be opened. Lines that make no sense are left out.
+  static bool GetAll(std::vector<IfaceStats>& out);
+
+  /// Reads the interface of exactly this name, at the cost of GetAll. Returns false, with `out` untouched, when there
+  /// is none.
+  static bool GetByName(const std::string& name, IfaceStats& out);
+};
+
+/// Traffic of whole disks, from /proc/diskstats; see the kernel's Documentation/admin-guide/iostats.rst.
+class KIV_EXPORT DiskStats {
+ public:
+  /// Totals since the device appeared. They may wrap.
+  struct DeviceStats {
+    std::string name;
+    std::uint64_t readsCompleted;
+    std::uint64_t writesCompleted;
+    std::uint64_t sectorsRead;  ///< Of 512 bytes, whatever the disk's own sectors are.
+    std::uint64_t sectorsWritten;
+  };
+
+  /// Replaces `out` by all devices with an entry of their own in /sys/block (loop and RAM devices too, partitions not),
+  /// in the kernel's order. Returns false, with `out` empty, when there is none or the file cannot be opened. Lines
+  /// with fewer than 14 fields are left out.
+  static bool GetAll(std::vector<DeviceStats>& out);
+
+  /// Reads the device of exactly this name, at the cost of GetAll. Returns false, with `out` untouched, when there is
+  /// none.
+  static bool GetByName(const std::string& name, DeviceStats& out);
+};
 
 /// Sets the host name of the calling process's UTS namespace; needs CAP_SYS_ADMIN.
 ///
