@@ -5,11 +5,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
 #include <utility>
 #include <vector>
 
-/// Text helpers, the kernel's figures, and the host name. Text is bytes, without any
+/// Text helpers, configuration files, the kernel's figures, and the host name. Text is bytes, without any
 /// encoding assumed. Everything may be called from any thread, but for SystemStats::GetCpuUsage, which alone keeps
 /// state. Failures leave errno as the failing call set it, which is nothing where only the contents of a file were
 /// wrong. Files are read until they end, without limit, and as a rule without waiting; a signal (EINTR) does not end
@@ -68,6 +69,35 @@ KIV_EXPORT std::vector<std::string> Split(StringView text, StringView delimiter)
 /// empty or all whitespace, when the separator is empty, or when it does not occur. The key alone is empty when the
 /// trimmed text begins with the separator.
 KIV_EXPORT std::pair<std::string, std::string> SplitKeyValue(StringView text, StringView separator);
+
+/// Reads an INI file into `out`, sections by name and in each the values by key. `out` is not cleared: of two values
+/// for one key in one section, the later one stays.
+///
+/// Lines end at "\n", and whitespace around a line, key, value or section name is dropped (see SplitKeyValue; CR and
+/// NUL count). Empty lines and those that begin with # or ; say nothing. "[name]" begins a section, which is there from
+/// then on even if nothing follows; what stands behind the bracket is ignored. "key = value" splits at the first "=";
+/// before any header it belongs to the section "". All other lines are ignored. There are no comments behind values,
+/// quotes, escapes, continuations or variables.
+///
+/// Returns true when the whole file was read. Returns false when `path`, a C string, cannot be opened or read to its
+/// end, which sets errno, and at a header without "]" or name, which does not: set errno to 0 before to tell them
+/// apart. What came before stays in `out`.
+KIV_EXPORT bool ParseIniFile(const char* path, std::map<std::string, std::map<std::string, std::string>>& out);
+
+/// Readers of settings in other forms than INI.
+class KIV_EXPORT Parser {
+ public:
+  /// Reads a file of lines "key SEPARATOR value" into `out`, which is not cleared: later lines win over earlier ones.
+  ///
+  /// Each line is split as by SplitKeyValue at the first whole `separator`; null counts as empty, and then no line says
+  /// anything. Lines without the separator or without a key are ignored, and those without a value, too, unless
+  /// `allowEmptyValues`. There are no comments: "#a=1" has the key "#a".
+  ///
+  /// Returns true when the file was read to its end, false with errno when `path`, a C string, cannot be opened or read
+  /// so far; what was read stays in `out`.
+  static bool ReadKeyValueFile(const char* path, std::map<std::string, std::string>& out, const char* separator,
+                               bool allowEmptyValues);
+};
 
 /// Figures of the machine as a whole, from /proc; see proc(5).
 class KIV_EXPORT SystemStats {
