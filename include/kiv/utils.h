@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-/// Text helpers, configuration files, the kernel's figures, and the host name. Text is bytes, without any
+/// Text helpers, configuration files, CRC-32, the kernel's figures, and the host name. Text is bytes, without any
 /// encoding assumed. Everything may be called from any thread, but for SystemStats::GetCpuUsage, which alone keeps
 /// state. Failures leave errno as the failing call set it, which is nothing where only the contents of a file were
 /// wrong. Files are read until they end, without limit, and as a rule without waiting; a signal (EINTR) does not end
@@ -98,6 +98,19 @@ class KIV_EXPORT Parser {
   static bool ReadKeyValueFile(const char* path, std::map<std::string, std::string>& out, const char* separator,
                                bool allowEmptyValues);
 };
+
+/// Takes `len` bytes into a running CRC-32, that of IEEE 802.3, zlib and PNG (reflected, polynomial 0xEDB88320). Begin
+/// with 0xFFFFFFFF, and end with FinalCrc32. Returns the new running value; `crc` when `data` is null or `len` is 0.
+KIV_EXPORT unsigned int UpdateCrc32(unsigned int crc, const void* data, unsigned int len);
+
+/// Returns the checksum that a running value stands for.
+KIV_EXPORT unsigned int FinalCrc32(unsigned int crc);
+
+/// Returns the CRC-32 of `len` bytes; 0 when `data` is null or `len` is 0.
+KIV_EXPORT unsigned int CalcCrc32(const void* data, unsigned int len);
+
+/// Returns the CRC-32 of all bytes of `s`; of 4 GiB and more, only of as many as the low 32 bits of the size say.
+KIV_EXPORT unsigned int CalcCrc32(const std::string& s);
 
 /// Figures of the machine as a whole, from /proc; see proc(5).
 class KIV_EXPORT SystemStats {
