@@ -8,8 +8,10 @@
 #include <gtest/gtest.h>
 #include <linux/fs.h>
 #include <linux/loop.h>
+#include <linux/watchdog.h>
 #include <net/if.h>
 #include <poll.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -161,6 +163,9 @@ std::size_t SizeOfArgument(unsigned long request) {
       return sizeof(std::uint64_t);
     case LOOP_SET_STATUS64:
       return sizeof(loop_info64);
+    case WDIOC_SETTIMEOUT:
+    case WDIOC_SETOPTIONS:
+      return sizeof(int);
     default:
       return 0;
   }
@@ -401,6 +406,12 @@ int pthread_sigmask(int how, const sigset_t* set, sigset_t* old) noexcept {
   return isRefused ? errno : next(how, set, old);
 }
 
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                   void* argument) noexcept {
+  static const auto next = NEXT(pthread_create);
+  return Intercept("pthread_create", {}) ? errno : next(thread, attributes, function, argument);
+}
+
 sighandler_t signal(int signo, sighandler_t handler) noexcept {
   static const auto next = NEXT(signal);
   return Intercept("signal", {signo, handler == SIG_IGN}) ? SIG_ERR : next(signo, handler);
@@ -471,7 +482,7 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   void* const argument = va_arg(list, void*);
   va_end(list);
   const std::size_t size = SizeOfArgument(request);
-  const bool isNumber = request == LOOP_SET_FD || request == LOOP_CLR_FD;
+  const bool isNumber = request == LOOP_SET_FD || request == LOOP_CLR_FD || request == WDIOC_KEEPALIVE;
   const auto code = static_cast<long long>(request);
   if (isNumber) {
     Note("ioctl", {fd, code, static_cast<int>(reinterpret_cast<std::intptr_t>(argument))}, nullptr, 0);

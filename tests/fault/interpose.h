@@ -95,10 +95,10 @@ class Fault {
 
 /// Makes the `nth` call of `name` from now on fail with `error` in errno, without reaching the kernel, and return what
 /// marks a failure: EAI_SYSTEM from getaddrinfo and getnameinfo, 0 or null from the calls for interface names, null
-/// from opendir, readdir and sem_open, MAP_FAILED from mmap, the error itself from pthread_sigmask, -1 from all others.
-/// Some differ: close and closedir do close before they report the error, as Linux does, and closedir leaves EBADMSG in
-/// errno whatever becomes of it. "new" is the operator, which throws std::bad_alloc; make that Fault last, and no log
-/// beside it, since both need memory.
+/// from opendir, readdir and sem_open, MAP_FAILED from mmap, the error itself from pthread_create and pthread_sigmask,
+/// -1 from all others. Some differ: close and closedir do close before they report the error, as Linux does, and
+/// closedir leaves EBADMSG in errno whatever becomes of it. "new" is the operator, which throws std::bad_alloc; make
+/// that Fault last, and no log beside it, since both need memory.
 Fault FailCall(const std::string& name, int error, unsigned nth = 1);
 
 /// Makes the `nth` call of `name` that a child of this process makes fail in the same way; in a child's child with a
