@@ -31,8 +31,8 @@ std::string JsonString(const std::string& text) {
   return json + "\"";
 }
 
-std::string JsonMs(const std::optional<double>& ms) {
-  char text[32];
-  std::snprintf(text, sizeof text, "%.2f", ms.value_or(0));
-  return ms ? text : "null";
+std::string JsonNumber(const std::optional<double>& number, int decimals) {
+  char text[340];  // The largest double has 309 digits.
+  std::snprintf(text, sizeof text, "%.*f", decimals, number.value_or(0));
+  return number ? text : "null";
 }

@@ -7,8 +7,11 @@
 /// Returns `text` as a JSON string: valid UTF-8, with U+FFFD for whatever is not, and no control characters.
 std::string JsonString(const std::string& text);
 
+/// Returns a number with so many decimals, or null.
+std::string JsonNumber(const std::optional<double>& number, int decimals);
+
 /// Returns a duration in milliseconds with two decimals, or null.
-std::string JsonMs(const std::optional<double>& ms);
+inline std::string JsonMs(const std::optional<double>& ms) { return JsonNumber(ms, 2); }
 
 /// Returns a JSON array of what `write` makes of each item.
 template <typename List, typename Write>

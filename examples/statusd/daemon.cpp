@@ -26,12 +26,16 @@ Daemon::Daemon(const CommandLine& commandLine, const Settings& settings)
       mNetwork(mLoop, mStatus.network),
       mProcesses(mLoop, mStatus.processes),
       mCommand(mLoop, mStatus.command),
-      mPublication(mStatus.share) {}
+      mMachine(mLoop, mStatus.figures),
+      mPublication(mStatus.share),
+      mWatchdog(mStatus.watchdog) {}
 
-// The pid file and a port below 1024 may need root. Threads come after the rights of root have been dropped, so that no
-// line of theirs ever has them; so do the objects in shared memory, which then belong to the user that removes them.
+// The pid file, a port below 1024 and the watchdog may need root. Threads come after the rights of root have been
+// dropped, so that no line of theirs ever has them; so do the objects in shared memory, which then belong to the user
+// that removes them.
 bool Daemon::Start() {
-  if (!LockPidFile() || !Listen() || !DropPrivileges() || !StartThreads() || !OpenShare(mSettings.share)) {
+  if (!LockPidFile() || !Listen() || !OpenWatchdog() || !DropPrivileges() || !StartThreads() ||
+      !OpenShare(mSettings.share)) {
     return false;
   }
   StartSignals();
@@ -69,6 +73,15 @@ bool Daemon::Listen() {
   return false;
 }
 
+bool Daemon::OpenWatchdog() {
+  const std::chrono::seconds timeout(mSettings.watchdogTimeoutS);
+  if (mWatchdog.Open(mSettings.watchdog, timeout, kiv::net::Milliseconds(mSettings.watchdogHangMs))) {
+    return true;
+  }
+  Complain("cannot open the watchdog " + Quote(mSettings.watchdog) + ": " + std::strerror(errno));
+  return false;
+}
+
 bool Daemon::DropPrivileges() {
   const std::optional<User>& user = mCommandLine.user;
   if (!user || kiv::process::DropRootPrivileges(user->uid, user->gid)) {
@@ -80,7 +93,7 @@ bool Daemon::DropPrivileges() {
 }
 
 bool Daemon::StartThreads() {
-  if (mPeer.Start() && mNetwork.Start() && mProcesses.Start()) {
+  if (mPeer.Start() && mNetwork.Start() && mProcesses.Start() && mMachine.Start() && mWatchdog.Start()) {
     return true;
   }
   Complain(std::string("cannot start a thread: ") + std::strerror(errno));
@@ -144,10 +157,17 @@ void Daemon::Apply(const Settings& settings) {
   SetInterval(mCommandTimer, &Settings::commandIntervalMs, settings, &Daemon::RunCommand);
   mSettings = settings;
   mStatus.name = settings.name;
+  mStatus.settingsFile = mCommandLine.configFile.value_or("");
+  mStatus.settingsCrc32 = settings.fileCrc32;
   mServer.SetLimits(static_cast<std::size_t>(settings.maxClients), kiv::net::Milliseconds(settings.clientDeadlineMs));
   mPeer.Watch(settings.peer, kiv::net::Milliseconds(settings.timeoutMs), kiv::net::Milliseconds(settings.slowMs));
   mProcesses.Watch(settings.watched, kiv::net::Milliseconds(settings.restartDelayMs));
   mCommand.Watch(settings.command);
+}
+
+bool Daemon::KeepsWatchdog(const Settings& settings) const {
+  return settings.watchdog == mSettings.watchdog && settings.watchdogTimeoutS == mSettings.watchdogTimeoutS &&
+         settings.watchdogHangMs == mSettings.watchdogHangMs;
 }
 
 void Daemon::Reload() {
@@ -163,6 +183,12 @@ void Daemon::Reload() {
     settings.listenIp = mSettings.listenIp;
     settings.listenPort = mSettings.listenPort;
   }
+  if (!KeepsWatchdog(settings)) {
+    Complain("the new watchdog settings take effect at the next start");
+    settings.watchdog = mSettings.watchdog;
+    settings.watchdogTimeoutS = mSettings.watchdogTimeoutS;
+    settings.watchdogHangMs = mSettings.watchdogHangMs;
+  }
   if (settings.share != mSettings.share) {
     (void)OpenShare(settings.share);  // It says so itself when that fails, and tries again now and then.
   }
@@ -173,6 +199,7 @@ void Daemon::Reload() {
 // What is done once a second is spread over four ticks, so that a small processor is never busy for long. The fourth is
 // left to the timers with an interval of their own, which is mostly one of whole seconds.
 void Daemon::Tick() {
+  mWatchdog.Beat();
   mServer.Sweep();
   mPeer.Sweep();
   switch (++mTicks % 4) {
@@ -183,6 +210,7 @@ void Daemon::Tick() {
       mProcesses.Look();
       break;
     case 3:
+      mMachine.Look();
       Publish();
       break;
     default:

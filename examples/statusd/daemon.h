@@ -8,6 +8,7 @@
 #include <string>
 
 #include "command_watch.h"
+#include "machine_watch.h"
 #include "network_watch.h"
 #include "pass_counter.h"
 #include "peer_watch.h"
@@ -16,6 +17,7 @@
 #include "server.h"
 #include "settings.h"
 #include "status.h"
+#include "watchdog_feed.h"
 
 /// Prints one line on stderr, whatever `message` holds.
 void Complain(const std::string& message);
@@ -25,7 +27,8 @@ class Daemon {
  public:
   Daemon(const CommandLine& commandLine, const Settings& settings);
 
-  /// Locks the pid file, begins to listen, drops the privileges of root and starts everything else, in this order.
+  /// Locks the pid file, begins to listen, opens the watchdog, drops the privileges of root and starts everything else,
+  /// in this order.
   /// Returns false, after a complaint, when a step fails.
   bool Start();
 
@@ -35,6 +38,7 @@ class Daemon {
  private:
   bool LockPidFile();
   bool Listen();
+  bool OpenWatchdog();
   bool DropPrivileges();
   bool StartThreads();
   bool OpenShare(const std::string& name);
@@ -44,6 +48,7 @@ class Daemon {
   unsigned Every(kiv::net::Milliseconds interval, void (Daemon::*step)());
   void SetInterval(unsigned& timer, long Settings::*interval, const Settings& settings, void (Daemon::*step)());
   void Apply(const Settings& settings);
+  bool KeepsWatchdog(const Settings& settings) const;
   void Reload();
   void Stop();
   void Tick();
@@ -65,7 +70,9 @@ class Daemon {
   NetworkWatch mNetwork;
   ProcessWatch mProcesses;
   CommandWatch mCommand;
+  MachineWatch mMachine;
   Publication mPublication;
+  WatchdogFeed mWatchdog;  // Behind all that may take its time to end: it is disarmed before.
   unsigned mTicks = 0;
   unsigned mFetchTimer = 0;
   unsigned mCommandTimer = 0;

@@ -9,7 +9,6 @@ namespace {
 
 constexpr std::size_t kMaxHead = 8192;
 constexpr std::size_t kMaxBody = 256 * 1024;
-constexpr std::size_t kHistory = 60;
 
 using Clock = std::chrono::steady_clock;
 
@@ -96,10 +95,7 @@ void PeerWatch::Record(const Result& result) {
   mStatus.state = result.state;
   mStatus.httpStatus = result.httpStatus;
   mStatus.responseMs = result.responseMs;
-  mStatus.history.push_back(result.responseMs);
-  if (mStatus.history.size() > kHistory) {
-    mStatus.history.pop_front();
-  }
+  Append(mStatus.history, result.responseMs);
 }
 
 // Makes the connection known to CutOff, or no longer. Returns false when the daemon is ending.

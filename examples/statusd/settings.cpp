@@ -32,6 +32,8 @@ constexpr NumberKey kNumbers[] = {
     {"max_clients", &Settings::maxClients, 1, 1000},
     {"command_interval_ms", &Settings::commandIntervalMs, 1000, 3600000},
     {"restart_delay_ms", &Settings::restartDelayMs, 100, 3600000},
+    {"watchdog_timeout_s", &Settings::watchdogTimeoutS, 3, 86400},
+    {"watchdog_hang_ms", &Settings::watchdogHangMs, 1000, 3600000},
 };
 
 bool ParseWithin(const std::string& text, long min, long max, long& out) {
@@ -93,6 +95,15 @@ bool SetShare(const std::string& name, Settings& out) {
   return true;
 }
 
+// A relative path would mean another file after --daemon, which changes the working directory.
+bool SetWatchdog(const std::string& path, Settings& out) {
+  if ((!path.empty() && path.front() != '/') || path.find('\0') != std::string::npos) {
+    return false;
+  }
+  out.watchdog = path;
+  return true;
+}
+
 // Splits at blanks and tabs; nothing else has a meaning, quotes neither. A NUL byte would cut a word short.
 bool SetProgram(const std::string& line, Program& out) {
   if (line.find('\0') != std::string::npos) {
@@ -119,6 +130,7 @@ constexpr TextKey kTexts[] = {
     {"listen", SetListen, "be an IPv4 address and a port, such as 127.0.0.1:8080"},
     {"peer", SetPeer, "be an http:// URL with an IPv4 address or localhost, such as http://192.0.2.1:8080/"},
     {"command", SetCommand, "have no NUL bytes"},
+    {"watchdog", SetWatchdog, "be the absolute path of a device, such as /dev/watchdog"},
     {"share", SetShare, "be a name such as /statusd, of 200 bytes at most and not beginning with /sem."},
 };
 
@@ -145,7 +157,6 @@ std::string Set(const std::string& key, const std::string& value, Settings& out)
   return number != std::end(kNumbers) ? SetNumber(*number, value, out) : "unknown setting " + Quote(key);
 }
 
-// Of two lines with the same name the later one counts, as everywhere else in the file.
 std::string SetWatched(const std::string& name, const std::string& line, Settings& out) {
   Watched watched{name, {}};
   if (!IsName(name, kMaxProcessName)) {
@@ -154,12 +165,6 @@ std::string SetWatched(const std::string& name, const std::string& line, Setting
   if (!SetProgram(line, watched.program)) {
     return "a program must have no NUL bytes";
   }
-  const auto isSame = [&name](const Watched& other) { return other.name == name; };
-  const auto found = std::find_if(out.watched.begin(), out.watched.end(), isSame);
-  if (found != out.watched.end()) {
-    *found = watched;
-    return "";
-  }
   if (out.watched.size() == kMaxWatched) {
     return "no more than " + std::to_string(kMaxWatched) + " processes can be watched";
   }
@@ -167,29 +172,33 @@ std::string SetWatched(const std::string& name, const std::string& line, Setting
   return "";
 }
 
-// Returns what is wrong with the line, or nothing.
-std::string Apply(const SettingsLine& line, Settings& out) {
-  if (!line.section.empty() && line.section != "watch") {
-    return "unknown section " + Quote(line.section);
+// Returns what is wrong with the section, or nothing.
+std::string Apply(const std::string& section, const std::map<std::string, std::string>& pairs, Settings& out) {
+  if (!section.empty() && section != "watch") {
+    return "unknown section " + Quote(section);
   }
-  if (line.key.empty()) {
-    return "";
+  for (const auto& [key, value] : pairs) {
+    const std::string wrong = section.empty() ? Set(key, value, out) : SetWatched(key, value, out);
+    if (!wrong.empty()) {
+      return section.empty() ? wrong : "[" + section + "] " + Quote(key) + ": " + wrong;
+    }
   }
-  return line.section.empty() ? Set(line.key, line.value, out) : SetWatched(line.key, line.value, out);
+  return "";
 }
 
 bool ApplyFile(const std::string& path, Settings& out, std::string& error) {
-  std::vector<SettingsLine> lines;
-  if (!ReadSettingsFile(path, lines, error)) {
+  SettingsFile file;
+  if (!ReadSettingsFile(path, file, error)) {
     return false;
   }
-  for (const SettingsLine& line : lines) {
-    const std::string wrong = Apply(line, out);
+  for (const auto& [section, pairs] : file.sections) {
+    const std::string wrong = Apply(section, pairs, out);
     if (!wrong.empty()) {
-      error = Place(path, line.number) + wrong;
+      error = path + ": " + wrong;
       return false;
     }
   }
+  out.fileCrc32 = file.crc32;
   return true;
 }
 

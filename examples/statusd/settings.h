@@ -1,6 +1,7 @@
 #ifndef STATUSD_SETTINGS_H
 #define STATUSD_SETTINGS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ struct Watched {
   Program program;
 };
 
-/// What statusd.ini explains, with the same defaults. Durations are in milliseconds.
+/// What statusd.ini explains, with the same defaults.
 struct Settings {
   std::string name;
   std::string listenIp = "127.0.0.1";
@@ -30,7 +31,11 @@ struct Settings {
   long commandIntervalMs = 10000;
   std::string share;
   long restartDelayMs = 5000;
+  std::string watchdog;
+  long watchdogTimeoutS = 30;
+  long watchdogHangMs = 10000;
   std::vector<Watched> watched;
+  std::optional<unsigned int> fileCrc32;  ///< Of the file that they come from, if there is one.
 };
 
 /// Tells whether there is a setting of this name outside any section.

@@ -1,5 +1,6 @@
 #include "settings_file.h"
 
+#include <kiv/fs.h>
 #include <kiv/utils.h>
 
 #include <cerrno>
@@ -12,62 +13,44 @@
 namespace {
 
 constexpr std::size_t kMaxFileSize = 65536;
-const char kBlanks[] = " \t\r\f\v";
 
-// Returns why the file cannot be read, or nothing.
-std::string ReadFile(const std::string& path, std::string& text) {
+// The library's reader takes files of any size, and waits for what others write into a pipe. Returns why it is not to
+// have this one, or nothing.
+std::string ReadBytes(const std::string& path, std::string& bytes) {
+  if (!kiv::fs::IsRegularFile(path)) {
+    return kiv::fs::Exists(path) ? "it is not a regular file" : std::strerror(errno);
+  }
   errno = 0;
   std::ifstream file(path, std::ios::binary);
-  text.resize(kMaxFileSize);
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  // The end must have been met: a directory fails, and a device that never ends does not get there.
-  return file.eof() ? "" : errno != 0 ? std::strerror(errno) : "it has 64 KiB or more";
-}
-
-std::string Trimmed(const std::string& line) {
-  const std::size_t first = line.find_first_not_of(kBlanks);
-  return first == std::string::npos ? "" : line.substr(first, line.find_last_not_of(kBlanks) - first + 1);
-}
-
-// Fills in section, key and value of a line that is not empty. Returns what is wrong with it, or nothing.
-std::string Parse(const std::string& text, SettingsLine& line) {
-  if (text.front() == '[') {
-    line.section = text.back() == ']' ? Trimmed(text.substr(1, text.size() - 2)) : "";
-    return line.section.empty() ? "expected \"[section]\"" : "";
+  bytes.resize(kMaxFileSize);
+  file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  bytes.resize(static_cast<std::size_t>(file.gcount()));
+  if (file.eof()) {
+    return "";
   }
-  const auto [key, value] = kiv::utils::SplitKeyValue(text, "=");
-  line.key = key;
-  line.value = value;
-  return key.empty() ? "expected \"key = value\"" : "";
+  return errno != 0 ? std::strerror(errno) : "it has 64 KiB or more";
+}
+
+// Returns what is wrong with the file, or nothing.
+std::string Read(const std::string& path, SettingsFile& out) {
+  std::string bytes;
+  const std::string failure = ReadBytes(path, bytes);
+  if (!failure.empty()) {
+    return failure;
+  }
+  // Of a file that is replaced between here and the next line, the checksum is wrong until it is read again.
+  out.crc32 = kiv::utils::CalcCrc32(bytes);
+  errno = 0;
+  if (kiv::utils::ParseIniFile(path.c_str(), out.sections)) {
+    return "";
+  }
+  return errno != 0 ? std::strerror(errno) : "a line that begins with [ is not \"[section]\"";
 }
 
 }  // namespace
 
-bool ReadSettingsFile(const std::string& path, std::vector<SettingsLine>& out, std::string& error) {
-  std::string content;
-  const std::string failure = ReadFile(path, content);
-  if (!failure.empty()) {
-    error = "cannot read the settings file " + Quote(path) + ": " + failure;
-    return false;
-  }
-  SettingsLine line{};
-  for (const std::string& untrimmed : kiv::utils::Split(content, "\n")) {
-    ++line.number;
-    const std::string text = Trimmed(untrimmed);
-    if (text.empty() || text.front() == '#' || text.front() == ';') {
-      continue;
-    }
-    line.key.clear();
-    line.value.clear();
-    const std::string wrong = Parse(text, line);
-    if (!wrong.empty()) {
-      error = Place(path, line.number) + wrong;
-      return false;
-    }
-    out.push_back(line);
-  }
-  return true;
+bool ReadSettingsFile(const std::string& path, SettingsFile& out, std::string& error) {
+  const std::string failure = Read(path, out);
+  error = failure.empty() ? "" : "cannot read the settings file " + Quote(path) + ": " + failure;
+  return failure.empty();
 }
-
-std::string Place(const std::string& path, int line) { return path + ":" + std::to_string(line) + ": "; }

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cstdio>
+
 #include "common/json.h"
 
 namespace {
@@ -42,6 +44,24 @@ std::string JsonShare(const ShareStatus& share) {
          ",\"skipped\":" + std::to_string(share.skipped) + "}";
 }
 
+std::string JsonSettings(const Status& status) {
+  if (!status.settingsCrc32) {
+    return "null";
+  }
+  char crc32[9];
+  std::snprintf(crc32, sizeof crc32, "%08x", *status.settingsCrc32);
+  return "{\"file\":" + JsonString(status.settingsFile) + ",\"crc32\":\"" + crc32 + "\"}";
+}
+
+std::string JsonWatchdog(const WatchdogStatus& watchdog) {
+  if (watchdog.device.empty()) {
+    return "null";
+  }
+  return "{\"device\":" + JsonString(watchdog.device) + ",\"pings\":" + std::to_string(watchdog.pings) +
+         ",\"refused\":" + std::to_string(watchdog.refused) + ",\"withheld\":" + std::to_string(watchdog.withheld) +
+         "}";
+}
+
 }  // namespace
 
 long long UptimeSeconds(const Status& status) {
@@ -59,7 +79,8 @@ std::string ToJson(const Status& status) {
          ",\"network\":{\"snapshots\":" + std::to_string(status.network.snapshots) +
          ",\"took_ms\":" + JsonMs(status.network.tookMs) + "}," + status.network.tables +
          ",\"processes\":" + JsonList(status.processes, JsonProcess) + ",\"command\":" + JsonCommand(status.command) +
-         ",\"share\":" + JsonShare(status.share) + "}\n";
+         ",\"share\":" + JsonShare(status.share) + "," + status.figures + ",\"settings\":" + JsonSettings(status) +
+         ",\"watchdog\":" + JsonWatchdog(status.watchdog) + "}\n";
 }
 
 std::string ToLine(const Status& status) {

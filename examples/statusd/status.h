@@ -3,10 +3,11 @@
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "history.h"
 
 /// What is known of the peer.
 ///
@@ -15,9 +16,9 @@
 struct PeerStatus {
   std::string url;
   std::string state = "none";
-  int httpStatus = 0;                         ///< 0 when the last fetch brought none.
-  std::optional<double> responseMs;           ///< Of the last fetch; empty when it failed.
-  std::deque<std::optional<double>> history;  ///< The last 60 response times, oldest first.
+  int httpStatus = 0;                ///< 0 when the last fetch brought none.
+  std::optional<double> responseMs;  ///< Of the last fetch; empty when it failed.
+  History history;                   ///< The last response times.
   unsigned long fetches = 0;
   unsigned long skipped = 0;  ///< Ticks that found the previous fetch still under way.
 };
@@ -61,6 +62,14 @@ struct ShareStatus {
   unsigned long skipped = 0;  ///< Times that they could not be, mostly as a reader had the semaphore.
 };
 
+/// What becomes of the watchdog.
+struct WatchdogStatus {
+  std::string device;          ///< Empty when there is none.
+  unsigned long pings = 0;     ///< Those that the device took.
+  unsigned long refused = 0;   ///< Those that it did not take.
+  unsigned long withheld = 0;  ///< Those that it did not get, as the loop hung.
+};
+
 /// Everything that the page shows. Belongs to the loop thread.
 struct Status {
   std::string name;
@@ -74,6 +83,10 @@ struct Status {
   std::vector<ProcessStatus> processes;
   CommandStatus command;
   ShareStatus share;
+  std::string figures;       ///< Members of /status.json about the machine, made once for all requests.
+  std::string settingsFile;  ///< Empty when there is none.
+  std::optional<unsigned int> settingsCrc32;  ///< Of the file as it was read last.
+  WatchdogStatus watchdog;
 };
 
 /// Returns for how many seconds the daemon has been running.

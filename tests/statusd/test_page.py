@@ -1,11 +1,14 @@
 """The page of statusd in a browser."""
 import contextlib
+import json
 import os
 import re
 import shutil
 import signal
 import socketserver
+import subprocess
 import threading
+import zlib
 
 import pytest
 from conftest import wait_for
@@ -310,7 +313,7 @@ def test_page_without_processes_and_command_shows_neither(statusd, browser):
     driver.get(statusd().url)
     wait_for_text(driver, "link", "live")
     assert not shown(driver, "processes") and not shown(driver, "command")
-    assert not re.search("Process|Command", driver.find_element("tag name", "body").text, re.I)
+    assert not re.search(r"\bProcess(es)?\b|Command", driver.find_element("tag name", "body").text, re.I)
 
 
 @pytest.fixture
@@ -332,15 +335,15 @@ def test_page_shows_processes_and_the_command_as_text(observed, browser, artifac
     daemon, line, config = observed(name="gateway")
     driver = browser()
     driver.get(daemon.url)
-    wait_for(lambda: len(rows(driver, "processes")) == 3 and rows(driver, "processes")[1][3] == "1", "the processes")
+    wait_for(lambda: len(rows(driver, "processes")) == 3 and rows(driver, "processes")[0][3] == "1", "the processes")
     wait_for(lambda: "bold" in text_of(driver, "command"), "the output")
-    itself, missing, other = rows(driver, "processes")
+    missing, other, itself = rows(driver, "processes")
     assert itself[0] == "statusd" and int(itself[1]) >= 1 and str(daemon.pid) in itself[2] and itself[3] == "0"
     assert missing[:2] == ["<i>x</i>&amp;", "0"] and missing[3] == "1"
     assert other[:2] == ["W" * 15, "0"]
     down = driver.execute_script("""
         return [...document.querySelectorAll("#processes tbody tr")].map((row) => row.classList.contains("down"))""")
-    assert down == [False, True, True]
+    assert down == [True, True, False]
     command = text_of(driver, "command")
     assert line in command and re.search(r"\b3\b", command.replace(line, ""))
     took = daemon.status()["command"]["took_ms"]
@@ -368,3 +371,172 @@ def test_page_with_long_output_never_scrolls_sideways(observed, browser, width):
     driver.get(daemon.url)
     wait_for(lambda: "xxx" in text_of(driver, "command"), "the output")
     assert driver.execute_script("return document.documentElement.scrollWidth") <= width
+
+
+# ------------------------------------------------------------------------------------------------------ machine
+
+
+def feed(driver, status):
+    """Gives the page this in place of the daemon's answers, and waits until it shows it."""
+    marker = f"fed {id(status)} {len(json.dumps(status))}"
+    driver.execute_script("""
+        const [body] = arguments;
+        window.fetch = async () => new Response(body);""", json.dumps({**status, "name": marker}))
+    wait_for_text(driver, "name", marker)
+
+
+def path(driver, selector):
+    return driver.execute_script("return document.querySelector(arguments[0])?.getAttribute('d')", selector)
+
+
+CHARTS = ["#busy-chart .bar", "#memory-chart .bar", "#traffic tbody .bar", "#traffic tbody .second",
+          "#disks tbody .bar", "#disks tbody .second"]
+
+
+def test_page_shows_the_machine_and_the_watchdog(statusd, browser, tmp_path, artifacts):
+    config, device = tmp_path / "gateway.ini", tmp_path / "watchdog"
+    config.write_text(f"name = gateway\nwatchdog = {device}\n")
+    device.touch()
+    daemon = statusd(config=config)
+    driver = browser()
+    driver.get(daemon.url)
+    wait_for_text(driver, "name", "gateway")
+    for chart in CHARTS:
+        wait_for(lambda: path(driver, chart), f"the chart {chart}")
+    wait_for(lambda: re.fullmatch(r"\d+", text(driver, "busy")), "the use of the processors")
+    machine = daemon.status()["machine"]
+    assert re.fullmatch(r"\d+\.\d\d(, \d+\.\d\d){2}", text(driver, "load"))
+    assert abs(int(text(driver, "memory")) - machine["memory"]["used_percent"]) < 10
+    assert text(driver, "memory-total").split()[0] == f"{machine['memory']['total_kib'] / 2 ** 20:.1f}"
+    assert re.fullmatch(r"[\d.]+ [MG]iB", text(driver, "memory-available"))
+    assert re.fullmatch(r"\d+ \w+( \d+ \w+)?", text(driver, "machine-uptime"))
+    for table in ("traffic", "disks"):
+        status = daemon.status()[table]
+        assert {row[0] for row in rows(driver, table)} <= {row["name"] for row in status["rows"]}
+        for row in rows(driver, table):
+            assert all(re.fullmatch(r"(\d+|\d+\.\d) [kMGT]?B/s", cell) for cell in row[1:3]), row
+            assert all(re.fullmatch(r"[\d,]+/s", cell) for cell in row[3:5]), row
+            assert re.fullmatch(r"nothing|up to (\d+|\d+\.\d) [kMGT]?B/s", row[5]), row
+    assert text_of(driver, "settings").split() == [
+        "CRC-32", "of", "gateway.ini", f"{zlib.crc32(config.read_bytes()):08x}"]
+
+    assert shown(driver, "watchdog") and text(driver, "watchdog-device") == str(device)
+    before = int(text(driver, "pings-refused"))  # A file takes none.
+    wait_for(lambda: int(text(driver, "pings-refused")) > before, "another ping")
+    assert [text(driver, key) for key in ("pings", "pings-withheld")] == ["0", "0"]
+    save_screenshots(driver, artifacts, "machine")
+
+    config.write_text(f"watchdog = {device}\nname = new\n")
+    daemon.process.send_signal(signal.SIGHUP)
+    wait_for_text(driver, "settings-crc32", f"{zlib.crc32(config.read_bytes()):08x}")
+    assert complaints(driver) == []
+
+
+def test_page_without_a_watchdog_and_a_settings_file_shows_neither(statusd, browser):
+    driver = browser()
+    driver.get(statusd().url)
+    wait_for_text(driver, "link", "live")
+    assert not shown(driver, "watchdog") and not shown(driver, "settings")
+    assert not re.search("Watchdog|CRC", driver.find_element("tag name", "body").text, re.I)
+
+
+def test_traffic_is_seen_as_it_flows(statusd, namespace, browser, relay):
+    namespace.ip("neigh add 192.0.2.2 lladdr 02:00:00:00:00:02 dev v0 nud permanent")
+    driver = browser()
+    driver.get(relay(statusd(namespace=namespace)))
+    cells = lambda name: next((row for row in rows(driver, "traffic") if row[0] == name), None)
+    wait_for(lambda: cells("v0") and cells("v0")[1], "rates")
+    assert text(driver, "traffic-total") == "3"
+    sending = ("import socket\nflow = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+               "while True: flow.sendto(bytes(1000), ('192.0.2.2', 9))")
+    flow = subprocess.Popen([*namespace.enter, "/usr/bin/python3", "-c", sending])
+    try:
+        fast = r"[\d.]+ [MG]B/s"
+        wait_for(lambda: re.fullmatch(fast, cells("v0")[2]) and re.fullmatch(fast, cells("v1")[1]), "megabytes")
+        assert not re.fullmatch(fast, cells("v0")[1]) and not re.fullmatch(fast, cells("v1")[2])
+    finally:
+        flow.kill()
+        flow.wait()
+    wait_for(lambda: cells("v0")[2] == "0 B/s" and cells("v0")[4] == "0/s", "the flow to end")
+
+
+RATES = [(None, ""), (0, "0 B/s"), (7, "7 B/s"), (999, "999 B/s"), (1000, "1.0 kB/s"), (99940, "99.9 kB/s"),
+         (123456, "123 kB/s"), (1e6, "1.0 MB/s"), (5.67e9, "5.7 GB/s"), (2e13, "20.0 TB/s"), (1.8e19, "18000000 TB/s")]
+
+
+@pytest.fixture
+def fed(statusd, browser):
+    """A page, and an answer to change and feed it with."""
+    daemon = statusd()
+    status = wait_for(lambda: (status := daemon.status())["traffic"]["rows"] and status, "a sample")
+    driver = browser()
+    driver.get(daemon.url)
+    wait_for_text(driver, "link", "live")
+    return driver, status
+
+
+def test_rates_are_in_units_and_what_is_unknown_is_a_dash(fed):
+    driver, status = fed
+    status["traffic"] = {"total": 1234, "rows": [
+        {"name": f"<i>{i}</i>", "rx_bytes": rate, "tx_bytes": rate, "rx_packets": rate, "tx_packets": None,
+         "history": {"rx_bytes": [rate], "tx_bytes": [rate]}} for i, (rate, _) in enumerate(RATES)]}
+    status["disks"] = {"total": 0, "rows": []}
+    feed(driver, status)
+    packets = ["" if rate is None else f"{int(rate):,}/s" for rate, _ in RATES]
+    assert rows(driver, "traffic") == [
+        [f"<i>{i}</i>", wanted, wanted, packets[i], "", f"up to {wanted}" if rate else "nothing"]
+        for i, (rate, wanted) in enumerate(RATES)]
+    assert text(driver, "traffic-total") == f"{len(RATES)} of 1,234, by bytes in all"
+    assert text(driver, "disks-total") == "none" and not shown(driver, "disks")
+    dash = driver.execute_script("""
+        const cell = document.querySelector("#traffic tbody td:nth-child(2)");
+        return getComputedStyle(cell, "::before").content;""")
+    assert dash == '"–"'
+    assert driver.execute_script("return !document.querySelector('#traffic tbody i')")
+
+
+def test_charts_are_drawn_to_scale_with_gaps_where_nothing_is_known(fed):
+    driver, status = fed
+    status["machine"]["history"] = {"busy_percent": [None, 50, 100], "memory_percent": [0] * 60}
+    status["traffic"]["rows"] = [{**status["traffic"]["rows"][0], "history": {
+        "rx_bytes": [None, None, 1000, 500], "tx_bytes": [2000, None, 1000, 2000]}}]
+    feed(driver, status)
+    # The last of 60 places is the newest sample; the highest value leaves 4 of 100 free.
+    assert path(driver, "#busy-chart .bar") == "M580 100V52h8V100zM590 100V4h8V100z"
+    assert path(driver, "#memory-chart .bar").startswith("M0 100V100h8V100z")
+    assert path(driver, "#memory-chart .bar").count("M") == 60
+    assert path(driver, "#traffic tbody .bar") == "M580 100V52h8V100zM590 100V76h8V100z"
+    assert path(driver, "#traffic tbody .second") == "M560 4h10M580 52h10V4h10"
+    label = driver.execute_script("return document.querySelector('#traffic tbody svg').getAttribute('aria-label')")
+    assert label == f"{status['traffic']['rows'][0]['name']}: up to 2.0 kB/s in the last minute"
+
+
+def test_machine_of_which_nothing_is_known_is_shown_as_dashes(fed):
+    driver, status = fed
+    status["machine"] = {"uptime_s": None, "load": None, "busy_percent": None, "memory": None,
+                         "history": {"busy_percent": [None], "memory_percent": [None]}}
+    feed(driver, status)
+    assert [text(driver, key) for key in ("busy", "load", "machine-uptime", "memory", "memory-available",
+                                          "memory-total")] == ["–"] * 6
+    assert not path(driver, "#busy-chart .bar") and text(driver, "link") == "live"
+
+
+def test_old_kernel_that_does_not_estimate_what_is_available_shows_what_is_free(fed):
+    driver, status = fed
+    status["machine"]["memory"] = {"total_kib": 1024, "free_kib": 512, "available_kib": 0, "used_percent": 50.0}
+    feed(driver, status)
+    assert [text(driver, key) for key in ("memory", "memory-available", "memory-total")] == ["50", "512 KiB", "1.0 MiB"]
+
+
+@pytest.mark.parametrize("width", [320, 400, 500, 800, 1280])
+def test_page_with_long_device_and_rates_never_scrolls_sideways(fed, width):
+    driver, status = fed
+    look(driver, "light", (width, 900))
+    rates = {"rx_bytes": 999e9, "tx_bytes": 999e9, "rx_packets": 123456789, "tx_packets": 123456789}
+    status["traffic"]["rows"] = [{"name": "W" * 15, **rates, "history": {"rx_bytes": [1] * 60, "tx_bytes": [2] * 60}}]
+    status["watchdog"] = {"device": "/dev/" + "long" * 30, "pings": 10 ** 7, "refused": 10 ** 7, "withheld": 10 ** 7}
+    status["settings"] = {"file": "/etc/" + "long" * 30 + ".ini", "crc32": "0123abcd"}
+    feed(driver, status)
+    assert driver.execute_script("return document.documentElement.scrollWidth") <= width
+    assert driver.execute_script("""
+        return [...document.querySelectorAll(".rows")].every((box) => box.scrollWidth <= box.clientWidth)""")

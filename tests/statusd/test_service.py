@@ -178,6 +178,8 @@ def test_relative_paths_are_those_of_its_starter(background, share, folder):
     ["--share", "/a/b"], ["--share", "/sem.a"], ["--share", "//a"], ["--share", "/" + "a" * 200],
     ["--command-interval-ms", "999"], ["--command-interval-ms", "3600001"], ["--command-interval-ms", "1e4"], ["--restart-delay-ms", "99"],
     ["--restart-delay-ms", "3600001"], ["--watch", "x"], ["--interval-ms", "1"], ["--config", "/nonexistent"],
+    ["--watchdog", "dev/watchdog"], ["--watchdog-timeout-s", "2"], ["--watchdog-timeout-s", "86401"],
+    ["--watchdog-hang-ms", "999"], ["--watchdog-hang-ms", "3600001"], ["--watchdog-hang-ms", "1e4"],
 ], ids=lambda words: " ".join(words)[:30])
 @pytest.mark.parametrize("flags", [[], ["--daemon"]], ids=["foreground", "daemon"])
 def test_wrong_option_gives_status_2_and_starts_nothing(share, folder, orphans, flags, wrong):
@@ -196,7 +198,7 @@ def test_wrong_settings_file_is_told_before_detaching(share, folder, orphans):
     words = words_of({"listen": LOOPBACK, "pidfile": "pid", "share": share, "config": "statusd.ini"})
     done = run_statusd("--daemon", *words, cwd=folder)
     assert (done.returncode, done.stdout) == (2, "")
-    assert re.fullmatch(r"statusd: [^\n]*statusd\.ini:3: [^\n]+\n", done.stderr)
+    assert re.fullmatch(r'statusd: statusd\.ini: \[watch\] "sixteen-bytes-xx": [^\n]+\n', done.stderr)
     assert os.listdir(folder) == ["statusd.ini"] and shared_objects(share) == []
 
 
@@ -329,6 +331,7 @@ STEPS = {
     "setsid": r"setsid\(",
     "lock": r"flock\(\d+, LOCK_EX\|LOCK_NB\)",
     "bind": r"bind\(\d+, \{sa_family=AF_INET, ",
+    "watchdog": r"openat\(.*/device\", O_WRONLY\|O_CLOEXEC\)",
     "setgroups": r"setgroups\(0,",
     "setgid": rf"set(?:re|res)?gid\({NOBODY}",
     "setuid": rf"set(?:re|res)?uid\({NOBODY}",
@@ -341,8 +344,11 @@ STEPS = {
 def test_order_of_a_start(share, orphans, folder):
     """Nothing is shared and no thread runs before the rights are gone, and nothing is bound twice."""
     need(shutil.which("strace"), "strace is not installed")
-    trace, pidfile = os.path.join(folder, "trace"), os.path.join(folder, "pid")
-    words = words_of({"listen": LOOPBACK, "pidfile": pidfile, "share": share, "user": f"{NOBODY}:{NOBODY}"})
+    trace, pidfile, device = (os.path.join(folder, name) for name in ("trace", "pid", "device"))
+    with open(device, "w"):
+        pass
+    words = words_of({"listen": LOOPBACK, "pidfile": pidfile, "share": share, "user": f"{NOBODY}:{NOBODY}",
+                      "watchdog": device})
     calls = "trace=fork,vfork,clone,clone3,setsid,flock,bind,openat,/^set(groups|(re|res)?[ug]id)$"
     # The sanitizers' leak check cannot look into a process that is traced; the other tests have it.
     strace = subprocess.Popen(["strace", "-f", "-o", trace, "-e", calls, *command("--daemon", *words)],
@@ -356,11 +362,12 @@ def test_order_of_a_start(share, orphans, folder):
     assert pid not in [child.pid for child in children() if child.state != "Z"]
     steps = [step for line in read(trace).splitlines() for step, pattern in STEPS.items()
              if re.match(rf"\d+ +{pattern}", line)]
-    assert steps[:8] == ["fork", "setsid", "fork", "lock", "bind", "setgroups", "setgid", "setuid"]
-    assert set(steps[8:]) == {"thread", "share"}
+    assert steps[:9] == ["fork", "setsid", "fork", "lock", "bind", "watchdog", "setgroups", "setgid", "setuid"]
+    assert set(steps[9:]) == {"thread", "share"}
 
 
 def test_help_names_the_new_options():
     text = run_statusd("--help").stdout
-    for option in ("--daemon", "--pidfile", "--user", "--command", "--command-interval-ms", "--share"):
+    for option in ("--daemon", "--pidfile", "--user", "--command", "--command-interval-ms", "--share", "--watchdog",
+                   "--watchdog-timeout-s", "--watchdog-hang-ms"):
         assert re.search(rf"{option}\b", text), option

@@ -17,6 +17,10 @@ SIMPLE = b"GET / HTTP/1.1\r\nHost: h\r\n\r\n"
 GOOD_ANSWER = b"HTTP/1.1 200 OK\r\nConnection: close\r\n\r\nhello"
 
 
+def repr_of(value):
+    return repr(value)[:40]
+
+
 # ------------------------------------------------------------------------------------------------------ pages
 
 
@@ -63,8 +67,10 @@ def test_status_is_json_with_every_field(statusd):
     for key in ("uptime_s", "loop_passes", "timers_fired"):
         assert isinstance(status[key], int)
     assert set(status["network"]) == {"snapshots", "took_ms"}
-    for table in ("interfaces", "routes", "neighbours"):
+    for table in ("interfaces", "routes", "neighbours", "traffic", "disks"):
         assert set(status[table]) == {"total", "rows"}
+    assert set(status["machine"]) == {"uptime_s", "load", "busy_percent", "memory", "history"}
+    assert status["settings"] is None and status["watchdog"] is None
 
 
 def test_figures_advance(statusd):
@@ -159,7 +165,7 @@ def test_other_methods_are_refused(statusd, method):
     (b"GET /" + b"a" * 9000 + b" HTTP/1.1\r\nHost: h\r\n\r\n", 414),
     (b"GET / HTTP/1.1\r\nHost: h\r\n" + b"A: b\r\n" * 2000 + b"\r\n", 431),
     (b"\x00" * 100000, 414),
-], ids=lambda value: repr(value)[:40])
+], ids=repr_of)
 def test_request(statusd, request_bytes, status):
     assert Reply(statusd().send(request_bytes)).status == status
 
@@ -404,7 +410,7 @@ def test_redirect_is_not_followed(statusd, fake_peer):
     b"SSH-2.0-OpenSSH_9.2\r\n", b"", b"HTTP/1.1 200 OK\r\nServer: cut", b"220 200 hello\r\n\r\n",
     b"HTTP/1.1 999 What\r\n\r\n", b"HTTP/1.1 abc\r\n\r\n", b"HTTP/1.1\r\n\r\n", b"HTTP/1.1 -5\r\n\r\n",
     b"\x00" * 5000, b"HTTP/1.1 200 OK\r\n" + b"A: b\r\n" * 2000 + b"\r\nhello",
-], ids=lambda value: repr(value)[:40])
+], ids=repr_of)
 def test_peer_that_does_not_speak_http_talks_nonsense(statusd, fake_peer, answer):
     peer = statusd(peer=fake_peer(answering(answer)).url, interval_ms=50, timeout_ms=5000).wait_for_peer("nonsense")
     assert peer["http_status"] is None and peer["response_ms"] is None
@@ -563,7 +569,7 @@ def test_new_peer_starts_a_new_history(statusd, fake_peer, tmp_path):
     assert daemon.wait_for_peer("none")["history"] == []
 
 
-@pytest.mark.parametrize("text", ["nonsense", "peer = ftp://h/\n", None])
+@pytest.mark.parametrize("text", ["[nonsense", "peer = ftp://h/\n", "#" * 65536, None], ids=repr_of)
 def test_bad_file_at_sighup_keeps_the_old_settings_and_says_so(statusd, tmp_path, text):
     config = tmp_path / "statusd.ini"
     config.write_text("name = before\n")
@@ -638,26 +644,97 @@ def test_bad_option_gives_one_line_and_status_2(options):
     assert re.fullmatch(r"statusd: [^\n]+\n", result.stderr)
 
 
-@pytest.mark.parametrize("text, line", [
-    ("no equals sign\n", 1), ("\n# fine\nunknown = 1\n", 3), ("interval_ms = soon\n", 1), ("= value\n", 1),
-    ("name = a\npeer = nowhere\n", 2), ("[section]\n", 1), ("config = other.ini\n", 1), ("name = \x01\n", 1),
-])
-def test_malformed_file_gives_its_line_and_status_2(tmp_path, text, line):
+@pytest.mark.parametrize("text, why", [
+    ("\n# fine\nunknown = 1\n", 'unknown setting "unknown"'),
+    ("config = other.ini\n", 'unknown setting "config"'),
+    ("interval_ms = soon\n", 'interval_ms must be a number from 50 to 3600000, not "soon"'),
+    ("name = a\npeer = nowhere\n", "peer must be an http:// URL with an IPv4 address or localhost, such as "
+                                   'http://192.0.2.1:8080/, not "nowhere"'),
+    ("name = \x01\n", 'name must have 1 to 64 bytes and no control characters, not "?"'),
+    ("command = a\0b\n", 'command must have no NUL bytes, not "a?b"'),
+    ("interval_ms = 50\ninterval_ms =\n", 'interval_ms must be a number from 50 to 3600000, not ""'),
+    ("watchdog = dev/watchdog\n", "watchdog must be the absolute path of a device, such as /dev/watchdog, not "
+                                  '"dev/watchdog"'),
+    ("watchdog = /dev/a\0b\n", "watchdog must be the absolute path of a device, such as /dev/watchdog, not "
+                               '"/dev/a?b"'),
+    ("watchdog_timeout_s = 2\n", 'watchdog_timeout_s must be a number from 3 to 86400, not "2"'),
+    ("watchdog_hang_ms = 999\n", 'watchdog_hang_ms must be a number from 1000 to 3600000, not "999"'),
+    ("[section]\n", 'unknown section "section"'),
+], ids=repr_of)
+def test_wrong_setting_is_named_with_its_file_and_gives_status_2(tmp_path, text, why):
     config = tmp_path / "statusd.ini"
     config.write_text(text)
-    result = run_statusd("--config", config)
+    result = run_statusd("--listen", "127.0.0.1:0", "--config", config)
     assert (result.returncode, result.stdout) == (2, "")
-    assert re.fullmatch(rf"statusd: [^\n]*statusd\.ini:{line}: [^\n]+\n", result.stderr)
+    assert result.stderr == f"statusd: {config}: {why}\n"
+
+
+def unreadable(path, why):
+    return f'cannot read the settings file "{path}": {why}'
 
 
 @pytest.mark.parametrize("path, why", [
-    ("/nonexistent", "No such file or directory"), ("", "No such file or directory"), ("/", "Is a directory"),
-    ("/dev/zero", "it has 64 KiB or more"),
+    ("/nonexistent", "No such file or directory"), ("", "No such file or directory"),
+    ("/dev/null/x", "Not a directory"), ("/", "it is not a regular file"), ("/dev/zero", "it is not a regular file"),
 ])
 def test_unreadable_file_gives_status_2(path, why):
     result = run_statusd("--config", path)
     assert (result.returncode, result.stdout) == (2, "")
-    assert result.stderr == f'statusd: cannot read the settings file "{path}": {why}\n'
+    assert result.stderr == f"statusd: {unreadable(path, why)}\n"
+
+
+def test_pipe_in_place_of_the_settings_file_holds_up_nobody(statusd, tmp_path):
+    pipe, config = tmp_path / "pipe", tmp_path / "statusd.ini"
+    os.mkfifo(pipe)
+    why = unreadable(pipe, "it is not a regular file")
+    assert run_statusd("--config", pipe).stderr == f"statusd: {why}\n"
+    config.write_text("name = before\n")
+    daemon = statusd(config=config)
+    config.unlink()
+    pipe.rename(config)
+    daemon.process.send_signal(signal.SIGHUP)
+    assert daemon.complaint() == f"statusd: {why.replace(str(pipe), str(config))}; the old settings stay\n"
+    assert daemon.status()["name"] == "before"
+
+
+@pytest.mark.parametrize("header", ["[", "[watch", "[]", "[ \t]", "[ # ]x[", " [watch\n]"], ids=repr_of)
+def test_malformed_section_header_gives_status_2(tmp_path, header):
+    config = tmp_path / "statusd.ini"
+    config.write_text(f"name = x\n{header}\n")
+    result = run_statusd("--listen", "127.0.0.1:0", "--config", config)
+    if header == "[ # ]x[":  # Only the first bracket that closes counts, and nothing begins a comment there.
+        assert result.stderr == f'statusd: {config}: unknown section "#"\n'
+    else:
+        why = unreadable(config, 'a line that begins with [ is not "[section]"')
+        assert result.stderr == f"statusd: {why}\n"
+    assert (result.returncode, result.stdout) == (2, "")
+
+
+@pytest.mark.parametrize("size", [65535, 65536])
+def test_settings_file_has_less_than_64_kib(statusd, tmp_path, size):
+    config = tmp_path / "statusd.ini"
+    config.write_text("name = large\n".rjust(size, "\n"))
+    if size < 65536:
+        assert statusd(config=config).status()["name"] == "large"
+    else:
+        result = run_statusd("--listen", "127.0.0.1:0", "--config", config)
+        assert (result.returncode, result.stdout) == (2, "")
+        assert result.stderr == f"statusd: {unreadable(config, 'it has 64 KiB or more')}\n"
+
+
+@pytest.mark.parametrize("line", [
+    "no equals sign", "= value", " \t= value", "#name = other", "  ;name = other", "\0", "name", "interval_ms", "\x0b",
+], ids=repr_of)
+def test_lines_that_say_nothing_are_passed_over(statusd, tmp_path, line):
+    config = tmp_path / "statusd.ini"
+    config.write_text(f"name = this\n{line}\nslow_ms = 7\n")
+    assert statusd(config=config).status()["name"] == "this"
+
+
+def test_the_later_of_two_lines_counts(statusd, tmp_path):
+    config = tmp_path / "statusd.ini"
+    config.write_text("name = first\ninterval_ms = nonsense\nname = second\ninterval_ms = 50\n")
+    assert statusd(config=config).status()["name"] == "second"
 
 
 def test_file_with_everything(statusd, tmp_path):
