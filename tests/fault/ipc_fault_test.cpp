@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <kiv/ipc.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,7 +23,6 @@ using test::CallLog;
 using test::CountOpenFds;
 using test::FailCall;
 using test::Fault;
-using test::GiveFrom;
 using Names = std::vector<std::string>;
 using Args = std::vector<long long>;
 
@@ -55,13 +53,6 @@ std::size_t CountMappings(const std::string& name) {
     count += line.find(name) != std::string::npos ? 1U : 0U;
   }
   return count;
-}
-
-struct stat OfSize(off_t size) {
-  struct stat status {};
-  status.st_mode = S_IFREG;
-  status.st_size = size;
-  return status;
 }
 
 void ExpectEmpty(const SharedMemory& memory) {
@@ -95,16 +86,6 @@ TEST(SharedMemoryOpening, AsksForTheSizeAndCreatesNothing) {
   EXPECT_EQ(log.Of("shm_open")[0].args, (Args{O_RDWR, 0640}));
   const long long fd = log.Of("fstat")[0].args[0];
   EXPECT_EQ(log.Of("mmap")[0].args, (Args{false, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0}));
-  EXPECT_EQ(memory.GetSize(), kPage);
-}
-
-TEST(SharedMemoryOpening, TakesTheLowBitsOfASizeBeyondFourGigabytes) {
-  const ObjectName name;
-  const SharedMemory creator(name.Get(), kPage, kMode);
-  const Fault fault = GiveFrom("fstat", test::Octets(OfSize((off_t{1} << 32) + kPage)));
-
-  const SharedMemory memory(name.Get(), 0, kMode);
-
   EXPECT_EQ(memory.GetSize(), kPage);
 }
 
@@ -151,17 +132,6 @@ TEST(SharedMemoryCreation, FailingCloseHidesNoReason) {
   const SharedMemory memory(name.Get(), kPage, kMode);
 
   EXPECT_EQ(errno, ENOSPC);
-  ExpectEmpty(memory);
-}
-
-TEST(SharedMemoryCreation, LargestSizeIsNotTakenForANegativeOne) {
-  const ObjectName name;
-  const CallLog log;
-  const Fault fault = FailCall("ftruncate", EFBIG);
-
-  const SharedMemory memory(name.Get(), 0xFFFFFFFF, kMode);
-
-  EXPECT_EQ(log.Of("ftruncate")[0].args[1], 0xFFFFFFFF);
   ExpectEmpty(memory);
 }
 
