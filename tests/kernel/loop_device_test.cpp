@@ -34,6 +34,7 @@ namespace kiv::fs {
 namespace {
 
 using internal::UniqueFd;
+using test::BecomesTrue;
 using test::ReadFile;
 using test::Shell;
 using test::WriteFile;
@@ -66,15 +67,6 @@ long CountAttached(const std::string& prefix) {
     count += BackingFile(entry.path().string()).rfind(prefix, 0) == 0 ? 1 : 0;
   }
   return count;
-}
-
-// Something else on this machine may look at a device that has just been closed, and holds it so long.
-bool BecomesTrue(const std::function<bool()>& claim) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!claim() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return claim();
 }
 
 // Attaches, as often as another process takes the free device first. That is the only failure that passes.
@@ -312,9 +304,10 @@ void MakeDisk(const std::string& path) {
               path + " && mkfs.ext4 -q -F -E offset=1048576 -d " + path + ".content " + path + " 8M");
 }
 
-bool MountDevice(const LoopDevice& device, const std::string& folder) {
+bool MountDevice(const LoopDevice& device, const std::string& folder, const char* type = "ext4",
+                 unsigned long flags = 0) {
   return (::mkdir(folder.c_str(), 0700) == 0 || errno == EEXIST) &&
-         ::mount(device.GetPath().c_str(), folder.c_str(), "ext4", 0, nullptr) == 0;
+         ::mount(device.GetPath().c_str(), folder.c_str(), type, flags, nullptr) == 0;
 }
 
 TEST_F(LoopDeviceAttach, FilesystemAtAnOffsetCanBeMountedAndWritten) {
@@ -330,6 +323,60 @@ TEST_F(LoopDeviceAttach, FilesystemAtAnOffsetCanBeMountedAndWritten) {
     WriteFile(At("mnt/hello"), "written through the mount");
     EXPECT_EQ(::umount2(At("mnt").c_str(), 0), 0);
   }
+}
+
+struct Filesystem {
+  const char* type;
+  const char* maker;
+  const char* options;
+};
+
+class LoopDeviceFilesystem : public LoopDeviceKernel, public testing::WithParamInterface<Filesystem> {};
+
+TEST_P(LoopDeviceFilesystem, MadeThroughTheDeviceIsFoundAgainAtTheOffset) {
+  constexpr unsigned int kOffset = 1048576;
+  const auto [type, maker, options] = GetParam();
+  if (!NeedFilesystem(type) || !NeedProgram(maker)) {
+    return;
+  }
+  const std::string before(kOffset, 'x');
+  const std::string content = Image("content", 1000000);
+  WriteFile(At("disk"), before);
+  ASSERT_EQ(::truncate(At("disk").c_str(), 9 * kOffset), 0);
+  {
+    const LoopDevice device = Attach(At("disk"), kOffset);
+    (void)Shell(std::string(maker) + ' ' + options + ' ' + device.GetPath());
+    ASSERT_TRUE(MountDevice(device, At("mnt"), type)) << std::strerror(errno);
+    WriteFile(At("mnt/file"), content);
+    ASSERT_EQ(::umount2(At("mnt").c_str(), 0), 0) << std::strerror(errno);
+  }
+  const LoopDevice device = Attach(At("disk"), kOffset);
+  ASSERT_TRUE(MountDevice(device, At("mnt"), type)) << std::strerror(errno);
+
+  EXPECT_TRUE(ReadFile(At("mnt/file")) == content);
+  EXPECT_EQ(::umount2(At("mnt").c_str(), 0), 0);
+  EXPECT_TRUE(ReadFile(At("disk")).compare(0, kOffset, before) == 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, LoopDeviceFilesystem,
+                         testing::Values(Filesystem{"ext4", "mkfs.ext4", "-q"}, Filesystem{"ext2", "mkfs.ext2", "-q"},
+                                         Filesystem{"vfat", "mkfs.vfat", ""}),
+                         [](const auto& tested) { return std::string(tested.param.type); });
+
+TEST_F(LoopDeviceAttach, ReadOnlyFilesystemAtAnOffsetCanBeMounted) {
+  if (!NeedFilesystem("squashfs") || !NeedProgram("mksquashfs")) {
+    return;
+  }
+  ASSERT_EQ(::mkdir(At("content").c_str(), 0755), 0);
+  WriteFile(At("content/file"), Image("packed"));
+  (void)Shell("mksquashfs " + At("content") + ' ' + At("packed") + " -quiet -no-progress");
+  WriteFile(At("disk"), std::string(4096, 'x') + ReadFile(At("packed")));
+
+  const LoopDevice device = Attach(At("disk"), 4096);
+
+  ASSERT_TRUE(MountDevice(device, At("mnt"), "squashfs", MS_RDONLY)) << std::strerror(errno);
+  EXPECT_TRUE(ReadFile(At("mnt/file")) == Image("packed"));
+  EXPECT_EQ(::umount2(At("mnt").c_str(), 0), 0);
 }
 
 TEST_F(LoopDeviceAttach, FilesystemIsNotFoundAtAnotherOffset) {

@@ -15,10 +15,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 #include "tests/child.h"
 
@@ -81,6 +83,23 @@ std::string WhyNoLoopDevice() {
 
 std::string ProcNetPath() { return "/proc/" + std::to_string(::getpid()) + "/net"; }
 
+void RunBatch(const std::string& lines) {
+  FILE* const pipe = ::popen(WithRealIp("ip -batch -").c_str(), "w");
+  if (pipe == nullptr) {
+    ADD_FAILURE() << std::strerror(errno);
+    return;
+  }
+  EXPECT_EQ(std::fwrite(lines.data(), 1, lines.size(), pipe), lines.size());
+  EXPECT_EQ(::pclose(pipe), 0);
+}
+
+// What `ip link show` tells of one interface, or null.
+nlohmann::json Named(const nlohmann::json& links, const std::string& name) {
+  const auto link = std::find_if(links.begin(), links.end(),
+                                 [&name](const nlohmann::json& entry) { return entry.value("ifname", "") == name; });
+  return link == links.end() ? nlohmann::json() : *link;
+}
+
 nlohmann::json ParseJson(const std::string& text) {
   return text.find_first_not_of(" \n") == std::string::npos ? nlohmann::json::array() : nlohmann::json::parse(text);
 }
@@ -110,6 +129,16 @@ void KernelTest::NeedKind(const std::string& kind) {
   if (mReady && !KernelHas(kind)) {
     GTEST_SKIP() << "this kernel has no link kind " << kind;
   }
+}
+
+bool KernelTest::NeedProgram(const std::string& name) {
+  const bool isThere = std::system(("command -v " + name + " >/dev/null").c_str()) == 0;
+  if (!isThere && std::getenv("CI") == nullptr) {
+    [&name] { GTEST_SKIP() << "no program " << name; }();
+  } else {
+    EXPECT_TRUE(isThere) << name;
+  }
+  return isThere;
 }
 
 void MountTest::SetUp() {
@@ -190,6 +219,8 @@ nlohmann::json OtherNamespace::Ip(const std::string& arguments) const {
       Shell("nsenter -t " + std::to_string(mPid) + " -n sh -c '" + WithRealIp("ip -j -d " + arguments) + "'"));
 }
 
+nlohmann::json OtherNamespace::Link(const std::string& name) const { return Named(Ip("link show"), name); }
+
 std::string Shell(const std::string& command) {
   FILE* const pipe = ::popen(WithRealIp(command).c_str(), "r");
   if (pipe == nullptr) {
@@ -207,13 +238,13 @@ std::string Shell(const std::string& command) {
 }
 
 void IpBatch(const std::string& lines) {
-  FILE* const pipe = ::popen(WithRealIp("ip -batch -").c_str(), "w");
-  if (pipe == nullptr) {
-    ADD_FAILURE() << std::strerror(errno);
-    return;
+  // ip keeps 32 KiB for each command of a batch: on a 32-bit machine a hundred thousand of them do not fit.
+  constexpr std::size_t kMost = std::size_t{1} << 20;
+  for (std::size_t begin = 0; begin < lines.size();) {
+    const std::size_t end = std::min(lines.find('\n', begin + kMost), lines.size() - 1) + 1;
+    RunBatch(lines.substr(begin, end - begin));
+    begin = end;
   }
-  EXPECT_EQ(std::fwrite(lines.data(), 1, lines.size(), pipe), lines.size());
-  EXPECT_EQ(::pclose(pipe), 0);
 }
 
 bool IpAccepts(const std::string& arguments) {
@@ -222,14 +253,7 @@ bool IpAccepts(const std::string& arguments) {
 
 nlohmann::json Ip(const std::string& arguments) { return ParseJson(Shell("ip -j -d " + arguments)); }
 
-nlohmann::json Link(const std::string& name) {
-  for (const nlohmann::json& link : Ip("link show")) {
-    if (link.value("ifname", "") == name) {
-      return link;
-    }
-  }
-  return {};
-}
+nlohmann::json Link(const std::string& name) { return Named(Ip("link show"), name); }
 
 bool HasFlag(const std::string& name, const std::string& flag) {
   const nlohmann::json link = Link(name);
@@ -239,6 +263,22 @@ bool HasFlag(const std::string& name, const std::string& flag) {
   }
   const nlohmann::json& flags = link.at("flags");
   return std::find(flags.begin(), flags.end(), flag) != flags.end();
+}
+
+nlohmann::json Flags(const std::string& name) { return Link(name).at("flags"); }
+
+void MakeBridge(const std::string& name) { (void)Shell("ip link add " + name + " type bridge"); }
+
+void MakeVeth(const std::string& name) {
+  (void)Shell("ip link add " + name + " type veth peer name " + name + "-peer");
+}
+
+bool BecomesTrue(const std::function<bool()>& claim) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!claim() && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return claim();
 }
 
 // A kind that the kernel has may still ask for more than its name, with another answer.

@@ -26,6 +26,9 @@ class KernelTest : public testing::Test {
   /// Skips the case, wherever it runs, when this kernel lacks a link kind. For the end of SetUp.
   void NeedKind(const std::string& kind);
 
+  /// Skips the case, or fails it where the variable CI is set, and returns false without that program.
+  static bool NeedProgram(const std::string& name);
+
   /// Tells whether the namespaces are there: only then may a SetUp of its own change anything.
   bool IsReady() const { return mReady; }
 
@@ -74,6 +77,9 @@ class OtherNamespace {
   /// Returns what `ip -j -d ARGUMENTS` prints there.
   nlohmann::json Ip(const std::string& arguments) const;
 
+  /// Returns what ip tells of one interface there, or null when there is none.
+  nlohmann::json Link(const std::string& name) const;
+
  private:
   pid_t mPid = -1;
   internal::UniqueFd mLife;
@@ -96,6 +102,19 @@ nlohmann::json Link(const std::string& name);
 
 /// Tells whether ip shows `flag` ("UP", "MULTICAST", ...) of an interface.
 bool HasFlag(const std::string& name, const std::string& flag);
+
+/// Returns the flags that ip shows of an interface.
+nlohmann::json Flags(const std::string& name);
+
+/// Makes a bridge.
+void MakeBridge(const std::string& name);
+
+/// Makes a pair of virtual Ethernet interfaces; the other one has "-peer" behind the name.
+void MakeVeth(const std::string& name);
+
+/// Waits, for half a minute at most, until `claim` is true, and tells whether it is: what the kernel does in its own
+/// time, or when something else on this machine has let go.
+bool BecomesTrue(const std::function<bool()>& claim);
 
 /// Tells whether this kernel has a link kind.
 bool KernelHas(const std::string& kind);

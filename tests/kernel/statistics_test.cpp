@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <kiv/utils.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -6,6 +7,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <functional>
@@ -513,19 +516,7 @@ TEST_F(DiskStatsFromFile, WithoutADiskThereIsNothing) {
 
 // ------------------------------------------------------------------------------------------- the machine as it stands
 
-class Machine : public test::KernelTest {
- protected:
-  // Skips the case, or fails it where the variable CI is set, and returns false without that program.
-  static bool NeedProgram(const std::string& name) {
-    const bool isThere = std::system(("command -v " + name + " >/dev/null").c_str()) == 0;
-    if (!isThere && std::getenv("CI") == nullptr) {
-      [&name] { GTEST_SKIP() << "no program " << name; }();
-    } else {
-      EXPECT_TRUE(isThere) << name;
-    }
-    return isThere;
-  }
-};
+class Machine : public test::KernelTest {};
 
 // Compares what is read with what another reader finds just before and just after it, once these two agree.
 void ExpectEqualAtRest(const std::function<std::string()>& read, const std::function<std::string()>& reference) {
@@ -867,6 +858,96 @@ TEST_F(DiskStatsLive, CountersAreThoseOfEveryDisksOwnFile) {
       EXPECT_LE(found[i], after[i]) << disk.name << ' ' << i;
     }
   }
+}
+
+// A disk of the test's own, with two partitions of a mebibyte.
+class DiskStatsOfPartitions : public test::MountTest {
+ protected:
+  void SetUp() override {
+    MountTest::SetUp();
+    if (!IsReady() || !NeedLoopDevices()) {
+      return;
+    }
+    test::WriteFile(At("image"), std::string(3 * kMebibyte, 'x'));
+    std::istringstream output(Shell("losetup --find --show --partscan " + At("image")));
+    ASSERT_TRUE(output >> mPath);
+    mName = mPath.substr(mPath.rfind('/') + 1);
+    (void)Shell("addpart " + mPath + " 1 2048 2048 && addpart " + mPath + " 2 4096 2048");
+  }
+
+  void TearDown() override {
+    if (!mPath.empty()) {
+      (void)Shell("losetup --detach " + mPath);
+    }
+    MountTest::TearDown();
+  }
+
+  // A partition by the device number that the kernel gave it: nothing else need have made its file.
+  std::string Partition(int number) const {
+    const std::string name = mName + 'p' + std::to_string(number);
+    const std::vector<std::uint64_t> ids = Numbers(test::ReadFile("/sys/block/" + mName + '/' + name + "/dev"));
+    EXPECT_EQ(ids.size(), 2U) << name;
+    EXPECT_EQ(::mknod(At(name).c_str(), S_IFBLK | 0600,
+                      makedev(static_cast<unsigned>(ids.at(0)), static_cast<unsigned>(ids.at(1)))),
+              0);
+    return At(name);
+  }
+
+  static constexpr std::size_t kMebibyte = 1048576;
+  std::string mPath;
+  std::string mName;
+};
+
+TEST_F(DiskStatsOfPartitions, DiskIsListedAndItsPartitionsAreNot) {
+  const std::string table = test::ReadFile(kDiskstats);
+  for (const char* const partition : {"p1", "p2"}) {
+    EXPECT_NE(table.find(' ' + mName + partition + ' '), std::string::npos);
+    EXPECT_EQ(Disk(mName + partition), kNone);
+    EXPECT_EQ(NamesOfDisks().find(mName + partition), std::string::npos);
+  }
+  EXPECT_NE(Disk(mName), kNone);
+  EXPECT_NE(NamesOfDisks().find(mName + '\n'), std::string::npos);
+}
+
+// Reads or writes `size` bytes, 65536 at most, without the kernel's cache.
+bool TransferDirectly(const std::string& path, int direction, std::size_t size) {
+  alignas(4096) static char bytes[65536];
+  const internal::UniqueFd fd(::open(path.c_str(), direction | O_DIRECT | O_CLOEXEC));
+  const ssize_t done = direction == O_WRONLY ? ::write(fd.Get(), bytes, size) : ::read(fd.Get(), bytes, size);
+  return done == static_cast<ssize_t>(size);
+}
+
+TEST_F(DiskStatsOfPartitions, WhatIsReadAndWrittenCountsForTheDisk) {
+  const struct {
+    std::string path;
+    int direction;
+    std::size_t bytes;
+  } transfers[] = {{mPath, O_RDONLY, 65536},
+                   {Partition(1), O_RDONLY, 32768},
+                   {mPath, O_WRONLY, 16384},
+                   {Partition(2), O_WRONLY, 4096}};
+  for (const auto& transfer : transfers) {
+    SCOPED_TRACE(transfer.path);
+    const std::uint64_t sectors = transfer.bytes / 512;
+    const bool isRead = transfer.direction == O_RDONLY;
+    DeviceStats before;
+    ASSERT_TRUE(DiskStats::GetByName(mName, before));
+
+    ASSERT_TRUE(TransferDirectly(transfer.path, transfer.direction, transfer.bytes)) << std::strerror(errno);
+
+    EXPECT_TRUE(test::BecomesTrue([&] {
+      DeviceStats after;
+      return DiskStats::GetByName(mName, after) &&
+             (isRead ? after.readsCompleted > before.readsCompleted : after.writesCompleted > before.writesCompleted) &&
+             after.sectorsRead >= before.sectorsRead + (isRead ? sectors : 0) &&
+             after.sectorsWritten >= before.sectorsWritten + (isRead ? 0 : sectors);
+    }));
+  }
+  ExpectEqualAtRest([this] { return Disk(mName); },
+                    [this] {
+                      const auto [reads, writes, sectorsRead, sectorsWritten] = CountersInSys(mName);
+                      return Text(DeviceStats{mName, reads, writes, sectorsRead, sectorsWritten});
+                    });
 }
 
 TEST_F(Machine, OrdinaryUserSeesItAll) {
