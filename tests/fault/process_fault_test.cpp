@@ -471,15 +471,8 @@ TEST(ExecChildDescriptors, OnlyWholeNumbersFromThreeOnCount) {
   EXPECT_EQ(ClosedFromTheList(log.Lines()), (std::set<int>{707, 708}));
 }
 
-// A case whose orphans come back to this process. User emulation cannot do that: they would be somebody else's.
+// A case whose orphans come back to this process.
 class OrphanTest : public testing::Test {
- protected:
-  void SetUp() override {
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
-      GTEST_SKIP() << "no subreaper here";
-    }
-  }
-
  private:
   Subreaper mReaper;
 };

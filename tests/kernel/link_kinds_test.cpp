@@ -15,17 +15,15 @@ using test::Flags;
 using test::HasFlag;
 using test::Ip;
 using test::IpAccepts;
+using test::IsUp;
 using test::Link;
+using test::LinkExists;
 using test::MakeBridge;
 using test::MakeVeth;
 using test::OtherNamespace;
 using test::Shell;
 
 const std::string kLongestName = "fifteen-bytes-n";
-
-bool Exists(const std::string& name) { return !Link(name).is_null(); }
-
-bool IsUp(const std::string& name) { return HasFlag(name, "UP"); }
 
 std::string KindOf(const std::string& name) { return Link(name).at("linkinfo").at("info_kind").get<std::string>(); }
 
@@ -131,7 +129,7 @@ TEST_F(AddVlanWithKindKernel, TagsAreWhatTheKernelTakes) {
 
     EXPECT_EQ(AddVlan("eth0", row.id, "vlan"), row.accepted);
     EXPECT_EQ(theirs.is_null(), !row.accepted);
-    ASSERT_EQ(Exists("vlan"), row.accepted);
+    ASSERT_EQ(LinkExists("vlan"), row.accepted);
     if (row.accepted) {
       const json ours = Link("vlan");
       EXPECT_EQ(ours.at("linkinfo").at("info_data").at("id"), row.id);
@@ -163,7 +161,7 @@ TEST_F(AddVlanWithKindKernel, ClearsTheFlagsThatTheKindBegins) {
 TEST_F(AddVlanWithKindKernel, RefusesAParentThatTakesNoTags) {
   EXPECT_TRUE(VlanOfIp("lo", 7).is_null());
   EXPECT_FALSE(AddVlan("lo", 7, "vlan7"));
-  EXPECT_FALSE(Exists("vlan7"));
+  EXPECT_FALSE(LinkExists("vlan7"));
 }
 
 TEST_F(AddVlanWithKindKernel, GoesOnABridgeAndOnAnotherVlan) {
@@ -178,15 +176,15 @@ TEST_F(AddVlanWithKindKernel, GoesOnABridgeAndOnAnotherVlan) {
 TEST_F(CreateVlanKernel, RefusesAVlanWithoutParentAndTag) {
   EXPECT_FALSE(IpAccepts("link add theirs type vlan"));
   EXPECT_FALSE(CreateInterface("ours", "vlan"));
-  EXPECT_FALSE(Exists("ours"));
+  EXPECT_FALSE(LinkExists("ours"));
 }
 
 TEST_F(DeleteVlanKernel, LeavesTheParentAndFreesTheTag) {
   ASSERT_TRUE(AddVlan("eth0", 7, "vlan7"));
 
   EXPECT_TRUE(DeleteInterface("vlan7"));
-  EXPECT_FALSE(Exists("vlan7"));
-  EXPECT_TRUE(Exists("eth0"));
+  EXPECT_FALSE(LinkExists("vlan7"));
+  EXPECT_TRUE(LinkExists("eth0"));
   EXPECT_TRUE(AddVlan("eth0", 7, "again"));
 }
 
@@ -255,7 +253,7 @@ TEST_F(MoveVlanKernel, KeepsItsTagAndItsParent) {
 
   EXPECT_TRUE(MoveInterfaceToNetns("vlan", other.Pid()));
 
-  EXPECT_FALSE(Exists("vlan"));
+  EXPECT_FALSE(LinkExists("vlan"));
   ASSERT_FALSE(other.Link("vlan").is_null());
   EXPECT_EQ(other.Link("vlan").at("linkinfo").at("info_data").at("id"), 4094);
   EXPECT_TRUE(IsUp("eth0"));
@@ -343,7 +341,7 @@ TEST_F(DeleteBondKernel, ReleasesItsPorts) {
   ASSERT_TRUE(SetMaster("eth0", "bond7"));
 
   EXPECT_TRUE(DeleteInterface("bond7"));
-  EXPECT_FALSE(Exists("bond7"));
+  EXPECT_FALSE(LinkExists("bond7"));
   EXPECT_EQ(MasterOf("eth0"), "");
 }
 
@@ -352,7 +350,7 @@ TEST_F(MoveBondKernel, StaysInItsNamespace) {
 
   EXPECT_FALSE(IpAccepts("link set bond7 netns " + std::to_string(other.Pid())));
   EXPECT_FALSE(MoveInterfaceToNetns("bond7", other.Pid()));
-  EXPECT_TRUE(Exists("bond7"));
+  EXPECT_TRUE(LinkExists("bond7"));
 }
 
 // ------------------------------------------------------------------------------------------------------- all of them

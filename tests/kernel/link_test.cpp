@@ -21,7 +21,9 @@ using test::Flags;
 using test::HasFlag;
 using test::Ip;
 using test::IpAccepts;
+using test::IsUp;
 using test::Link;
+using test::LinkExists;
 using test::MakeBridge;
 using test::MakeVeth;
 using test::OtherNamespace;
@@ -31,10 +33,6 @@ const std::string kLongestName = "fifteen-bytes-n";
 const std::string kTooLong = "sixteen-bytes-na";
 
 std::string Mac(const std::string& name) { return Link(name).at("address").get<std::string>(); }
-
-bool IsUp(const std::string& name) { return HasFlag(name, "UP"); }
-
-bool Exists(const std::string& name) { return !Link(name).is_null(); }
 
 // A bridge with every flag on that a request can switch.
 void MakeFlaggedBridge(const std::string& name) {
@@ -85,7 +83,7 @@ TEST_F(CreateInterfaceKernel, AnswersForEveryKindAsTheKernelAnswersIp) {
     const bool accepted = IpAccepts("link add theirs type " + kind);
 
     EXPECT_EQ(CreateInterface("ours", kind), accepted) << kind;
-    EXPECT_EQ(Exists("ours"), accepted) << kind;
+    EXPECT_EQ(LinkExists("ours"), accepted) << kind;
     if (accepted) {
       EXPECT_EQ(Link("ours").at("linkinfo").at("info_kind"), kind);
       (void)Shell("ip link delete ours; ip link delete theirs");
@@ -121,7 +119,7 @@ TEST_F(CreateInterfaceKernel, RefusesAnExistingName) {
 
 TEST_F(CreateInterfaceKernel, AFifteenByteNameIsTakenWhole) {
   ASSERT_TRUE(CreateInterface(kLongestName, "bridge"));
-  EXPECT_TRUE(Exists(kLongestName));
+  EXPECT_TRUE(LinkExists(kLongestName));
 }
 
 TEST_F(CreateInterfaceKernel, RefusesASixteenByteName) {
@@ -137,8 +135,8 @@ TEST_F(CreateInterfaceKernel, AnEmptyNameIsRefusedByTheKernel) {
 TEST_F(CreateInterfaceKernel, TheKernelCompletesANamePattern) {
   EXPECT_TRUE(CreateInterface("br%d", "bridge"));
   EXPECT_TRUE(CreateInterface("br%d", "bridge"));
-  EXPECT_TRUE(Exists("br0"));
-  EXPECT_TRUE(Exists("br1"));
+  EXPECT_TRUE(LinkExists("br0"));
+  EXPECT_TRUE(LinkExists("br1"));
 }
 
 TEST_F(CreateInterfaceKernel, RefusesKindsThatTheKernelCannotKnow) {
@@ -146,7 +144,7 @@ TEST_F(CreateInterfaceKernel, RefusesKindsThatTheKernelCannotKnow) {
                                   std::string(100, 'k'), std::string(5000, 'k')}) {
     EXPECT_FALSE(CreateInterface("br0", kind)) << kind.size() << " bytes";
   }
-  EXPECT_FALSE(Exists("br0"));
+  EXPECT_FALSE(LinkExists("br0"));
 }
 
 TEST_F(CreateInterfaceKernel, RefusesNamesThatTheKernelRefuses) {
@@ -162,24 +160,24 @@ TEST_F(DeleteInterfaceKernel, DeletesTheOneNamed) {
   MakeBridge(kLongestName);
 
   EXPECT_TRUE(DeleteInterface("br0"));
-  EXPECT_FALSE(Exists("br0"));
-  EXPECT_TRUE(Exists("br1"));
+  EXPECT_FALSE(LinkExists("br0"));
+  EXPECT_TRUE(LinkExists("br1"));
   EXPECT_TRUE(DeleteInterface(kLongestName));
-  EXPECT_FALSE(Exists(kLongestName));
+  EXPECT_FALSE(LinkExists(kLongestName));
 }
 
 TEST_F(DeleteInterfaceKernel, DeletesAVethWithItsPeer) {
   MakeVeth("eth0");
 
   EXPECT_TRUE(DeleteInterface("eth0-peer"));
-  EXPECT_FALSE(Exists("eth0"));
+  EXPECT_FALSE(LinkExists("eth0"));
 }
 
 TEST_F(DeleteInterfaceKernel, RefusesWhatIsNotThereOrNotVirtual) {
   EXPECT_FALSE(DeleteInterface("nosuch"));
   EXPECT_FALSE(DeleteInterface(""));
   EXPECT_FALSE(DeleteInterface("lo"));
-  EXPECT_TRUE(Exists("lo"));
+  EXPECT_TRUE(LinkExists("lo"));
 }
 
 TEST_F(AddVlanKernel, RefusesAnUnknownParentAndALongName) {
@@ -353,8 +351,8 @@ TEST_F(MoveInterfaceToNetnsKernel, MovesToTheNamespaceOfAProcess) {
   MakeVeth("eth0");
 
   EXPECT_TRUE(MoveInterfaceToNetns("eth0", other.Pid()));
-  EXPECT_FALSE(Exists("eth0"));
-  EXPECT_TRUE(Exists("eth0-peer"));
+  EXPECT_FALSE(LinkExists("eth0"));
+  EXPECT_TRUE(LinkExists("eth0-peer"));
   EXPECT_FALSE(other.Link("eth0").is_null());
 }
 
@@ -364,7 +362,7 @@ TEST_F(MoveInterfaceToNetnsKernel, RefusesAProcessThatIsNotThere) {
     EXPECT_FALSE(MoveInterfaceToNetns("eth0", pid)) << pid;
     EXPECT_EQ(errno, ENOENT) << pid;
   }
-  EXPECT_TRUE(Exists("eth0"));
+  EXPECT_TRUE(LinkExists("eth0"));
 }
 
 TEST_F(MoveInterfaceToNetnsKernel, RefusesWhatTheKernelRefuses) {
@@ -373,7 +371,7 @@ TEST_F(MoveInterfaceToNetnsKernel, RefusesWhatTheKernelRefuses) {
 
   EXPECT_FALSE(MoveInterfaceToNetns("nosuch", other.Pid()));
   EXPECT_FALSE(MoveInterfaceToNetns("lo", other.Pid()));
-  EXPECT_TRUE(Exists("lo"));
+  EXPECT_TRUE(LinkExists("lo"));
 }
 
 TEST_F(MoveInterfaceToNetnsFdKernel, MovesAndLeavesTheDescriptorOpen) {
@@ -385,7 +383,7 @@ TEST_F(MoveInterfaceToNetnsFdKernel, MovesAndLeavesTheDescriptorOpen) {
   EXPECT_TRUE(MoveInterfaceToNetnsFd(kLongestName.substr(0, 10) + "-peer", fd.Get()));
   EXPECT_TRUE(test::IsOpen(fd.Get()));
   EXPECT_TRUE(MoveInterfaceToNetnsFd("eth1", fd.Get()));
-  EXPECT_FALSE(Exists("eth1"));
+  EXPECT_FALSE(LinkExists("eth1"));
   EXPECT_FALSE(other.Link("eth1").is_null());
   EXPECT_FALSE(other.Link(kLongestName.substr(0, 10) + "-peer").is_null());
 }
@@ -398,7 +396,7 @@ TEST_F(MoveInterfaceToNetnsFdKernel, RefusesANameThatIsTakenThere) {
   (void)Shell("ip link add eth0 type veth peer name eth1");
 
   EXPECT_FALSE(MoveInterfaceToNetnsFd("eth0", fd.Get()));
-  EXPECT_TRUE(Exists("eth0"));
+  EXPECT_TRUE(LinkExists("eth0"));
 }
 
 TEST_F(MoveInterfaceToNetnsFdKernel, RefusesADescriptorThatIsNoNetworkNamespace) {
@@ -410,7 +408,7 @@ TEST_F(MoveInterfaceToNetnsFdKernel, RefusesADescriptorThatIsNoNetworkNamespace)
   }
   EXPECT_TRUE(test::IsOpen(null.Get()));
   EXPECT_TRUE(test::IsOpen(uts.Get()));
-  EXPECT_TRUE(Exists("eth0"));
+  EXPECT_TRUE(LinkExists("eth0"));
 }
 
 TEST_F(SetInterfaceMulticastKernel, SwitchesThisFlagAlone) {

@@ -265,6 +265,10 @@ bool HasFlag(const std::string& name, const std::string& flag) {
   return std::find(flags.begin(), flags.end(), flag) != flags.end();
 }
 
+bool LinkExists(const std::string& name) { return !Link(name).is_null(); }
+
+bool IsUp(const std::string& name) { return HasFlag(name, "UP"); }
+
 nlohmann::json Flags(const std::string& name) { return Link(name).at("flags"); }
 
 void MakeBridge(const std::string& name) { (void)Shell("ip link add " + name + " type bridge"); }

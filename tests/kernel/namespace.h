@@ -103,6 +103,12 @@ nlohmann::json Link(const std::string& name);
 /// Tells whether ip shows `flag` ("UP", "MULTICAST", ...) of an interface.
 bool HasFlag(const std::string& name, const std::string& flag);
 
+/// Tells whether ip shows an interface.
+bool LinkExists(const std::string& name);
+
+/// Tells whether ip shows an interface as up.
+bool IsUp(const std::string& name);
+
 /// Returns the flags that ip shows of an interface.
 nlohmann::json Flags(const std::string& name);
 
