@@ -240,6 +240,9 @@ inline struct stat StatusOf(const std::string& path) {
 /// Returns the permission bits of `path`.
 inline mode_t ModeOf(const std::string& path) { return StatusOf(path).st_mode & 07777; }
 
+/// Tells whether what takes seconds elsewhere would take minutes here: on an emulated processor.
+inline bool IsSlowMachine() { return std::getenv("KIV_SLOW_MACHINE") != nullptr; }
+
 /// Sets the process's file mode creation mask while it lives.
 class Umask {
  public:

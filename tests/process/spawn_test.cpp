@@ -7,7 +7,6 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -42,7 +41,7 @@ constexpr int kMostChildren = 10000;
 #endif
 
 // An emulated processor takes a hundred times as long for each.
-const int kChildren = std::getenv("KIV_SLOW_MACHINE") == nullptr ? kMostChildren : kFewChildren;
+const int kChildren = test::IsSlowMachine() ? kFewChildren : kMostChildren;
 
 constexpr int kExitCodes = 100;
 
