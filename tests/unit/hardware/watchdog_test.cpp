@@ -168,10 +168,19 @@ using ThreadSet = std::set<std::string>;
 // The thread sanitizer adds one of its own to the first one that a program starts: here, before anybody counts.
 [[maybe_unused]] const bool kIsThreaded = (std::thread([] {}).join(), true);
 
-ThreadSet Threads() {
+ThreadSet ListThreads() {
   ThreadSet threads;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
     threads.insert(entry.path());
+  }
+  return threads;
+}
+
+// A list that is read while a thread goes may lack another one, too: it counts when it is the same twice.
+ThreadSet Threads() {
+  ThreadSet threads = ListThreads();
+  for (ThreadSet again = ListThreads(); again != threads; again = ListThreads()) {
+    threads = std::move(again);
   }
   return threads;
 }
