@@ -15,15 +15,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "internal/unique_fd.h"
@@ -242,6 +245,18 @@ inline mode_t ModeOf(const std::string& path) { return StatusOf(path).st_mode & 
 
 /// Tells whether what takes seconds elsewhere would take minutes here: on an emulated processor.
 inline bool IsSlowMachine() { return std::getenv("KIV_SLOW_MACHINE") != nullptr; }
+
+/// Waits, for a minute at most, until `claim` is true, and tells whether it is: what another thread or the kernel does
+/// in its own time, or when something else on this machine has let go.
+inline bool BecomesTrue(const std::function<bool()>& claim) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  bool holds = claim();
+  while (!holds && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    holds = claim();
+  }
+  return holds;
+}
 
 /// Sets the process's file mode creation mask while it lives.
 class Umask {

@@ -13,15 +13,14 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <ostream>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -330,6 +329,8 @@ struct Filesystem {
   const char* maker;
   const char* options;
 };
+
+void PrintTo(const Filesystem& filesystem, std::ostream* out) { *out << filesystem.type; }
 
 class LoopDeviceFilesystem : public LoopDeviceKernel, public testing::WithParamInterface<Filesystem> {};
 

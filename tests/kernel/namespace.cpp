@@ -15,12 +15,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <thread>
 
 #include "tests/child.h"
 
@@ -275,14 +273,6 @@ void MakeBridge(const std::string& name) { (void)Shell("ip link add " + name + "
 
 void MakeVeth(const std::string& name) {
   (void)Shell("ip link add " + name + " type veth peer name " + name + "-peer");
-}
-
-bool BecomesTrue(const std::function<bool()>& claim) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!claim() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return claim();
 }
 
 // A kind that the kernel has may still ask for more than its name, with another answer.

@@ -118,10 +118,6 @@ void MakeBridge(const std::string& name);
 /// Makes a pair of virtual Ethernet interfaces; the other one has "-peer" behind the name.
 void MakeVeth(const std::string& name);
 
-/// Waits, for half a minute at most, until `claim` is true, and tells whether it is: what the kernel does in its own
-/// time, or when something else on this machine has let go.
-bool BecomesTrue(const std::function<bool()>& claim);
-
 /// Tells whether this kernel has a link kind.
 bool KernelHas(const std::string& kind);
 

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -194,18 +193,6 @@ ThreadSet ThreadsSince(const ThreadSet& before) {
   return threads;
 }
 
-// Waits a minute at most.
-bool Eventually(const std::function<bool()>& claim) {
-  const Clock::time_point deadline = Clock::now() + seconds(60);
-  while (!claim()) {
-    if (Clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(milliseconds(1));
-  }
-  return true;
-}
-
 // Whether a thread waits in the kernel, as the feeding one does between two pings.
 bool IsAsleep(const std::string& thread) {
   const std::string status = test::ReadFile(thread + "/stat");
@@ -218,7 +205,7 @@ bool IsAsleep(const std::string& thread) {
 void StartAndAwaitSleep(Watchdog& watchdog) {
   const ThreadSet before = Threads();
   watchdog.Start();
-  EXPECT_TRUE(Eventually([&before] {
+  EXPECT_TRUE(test::BecomesTrue([&before] {
     const ThreadSet started = ThreadsSince(before);
     return started.size() == 1 && IsAsleep(*started.begin());
   }));
@@ -226,7 +213,7 @@ void StartAndAwaitSleep(Watchdog& watchdog) {
 
 // A thread that was joined is listed for a moment yet.
 bool AreGone(const ThreadSet& before) {
-  return Eventually([&before] { return ThreadsSince(before).empty(); });
+  return test::BecomesTrue([&before] { return ThreadsSince(before).empty(); });
 }
 
 // The place of a virtual operation in the table of its class, where the Itanium C++ ABI keeps it.
@@ -637,7 +624,7 @@ TEST(WatchdogRequests, MayBeMadeWhileItIsFed) {
   };
 
   bool accepted = true;
-  const bool fed = Eventually([&] {
+  const bool fed = test::BecomesTrue([&] {
     accepted = accepted && watchdog.KeepAlive() && watchdog.SetTimeout(9) && watchdog.Enable(true);
     return isFedByAnother();
   });
