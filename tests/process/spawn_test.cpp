@@ -23,8 +23,6 @@ namespace {
 constexpr int kThreads = 8;
 constexpr std::size_t kAllocatingThreads = 2;
 
-constexpr int kFewChildren = 800;
-
 // The address sanitizer makes every child a dozen milliseconds dearer. Its allocator, unlike the C library's, is not
 // put in order in a child: one that allocated anything would wait for ever if another thread had been in the allocator.
 #if defined(__SANITIZE_ADDRESS__)
@@ -35,13 +33,13 @@ constexpr int kFewChildren = 800;
 #endif
 #endif
 #ifdef KIV_HAS_ADDRESS_SANITIZER
-constexpr int kMostChildren = kFewChildren;
+constexpr int kMostChildren = 800;
 #else
 constexpr int kMostChildren = 10000;
 #endif
 
 // An emulated processor takes a hundred times as long for each.
-const int kChildren = test::IsSlowMachine() ? kFewChildren : kMostChildren;
+const int kChildren = test::IsSlowMachine() ? 300 : kMostChildren;
 
 constexpr int kExitCodes = 100;
 
@@ -163,7 +161,7 @@ TEST_F(Spawning, ALongLivedProgramOfAnotherThreadDoesNotDelayACapture) {
   const test::Fifo gate(mFolder.Path() + "/gate");
   const test::Subreaper subreaper;
   const int slow = kChildren / 40;
-  OnAllThreads(kChildren / 20, [&](int number) {
+  OnAllThreads(2 * slow, [&](int number) {
     if (number % 2 == 0) {
       mWrong += StartProcessDetached("/bin/sh", {"-c", "read x <" + gate.Path()}) ? 0 : 1;
     } else {

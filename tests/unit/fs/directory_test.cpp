@@ -211,11 +211,12 @@ TEST(RemoveDirRecursively, ThousandLevelsAreRemoved) {
 }
 
 // On tmpfs, where this takes a second.
-TEST(RemoveDirRecursively, HundredThousandEntriesAreRemoved) {
+TEST(RemoveDirRecursively, ManyThousandEntriesAreRemoved) {
+  const int count = test::IsSlowMachine() ? 20000 : 100000;
   const test::TempFolder folder("/dev/shm");
   const std::string wide = folder.Path() + "/wide";
   ASSERT_EQ(CreateDirectory(wide), success);
-  for (int i = 0; i < 100000; ++i) {
+  for (int i = 0; i < count; ++i) {
     ASSERT_EQ(::mknod((wide + '/' + std::to_string(i)).c_str(), S_IFREG | 0600, 0), 0);
   }
 
