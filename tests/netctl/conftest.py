@@ -3,7 +3,6 @@ import contextlib
 import json
 import os
 import re
-import shlex
 import shutil
 import socket
 import subprocess
@@ -14,7 +13,6 @@ from namespaces import PATIENCE, Namespace, need
 
 SETTLING_FLAGS = {"LOWER_UP", "NO-CARRIER", "M-DOWN", "RUNNING"}
 SANITIZER_STATUS = 99  # unlike any of netctl's own
-EMULATOR = shlex.split(os.environ.get("EMULATOR", ""))
 
 
 def environment(**options):
@@ -75,7 +73,7 @@ class Space(Namespace):
     def netctl(self, *words, before=(), **options):
         """Runs netctl, which says nothing on stderr or, when it fails, one line."""
         options.setdefault("env", environment())
-        outcome = Outcome(self.run(*before, *EMULATOR, os.environ["NETCTL"], *words, **options))
+        outcome = Outcome(self.run(*before, os.environ["NETCTL"], *words, **options))
         assert outcome.status in (0, 1, 2), outcome.error
         if outcome.status == 0:
             assert outcome.error == ""
@@ -136,8 +134,6 @@ def space(spaces):
 @pytest.fixture(scope="session")
 def strace():
     """The words that run a command under strace and write what it does to a file named next."""
-    if EMULATOR:
-        pytest.skip("strace would see the emulator")
     words = ["strace", "-v", "-s", "4096"]
     need(shutil.which("strace"), "no strace")
     probe = subprocess.run([*words, "-o", "/dev/null", "true"], capture_output=True, timeout=PATIENCE)

@@ -7,7 +7,6 @@ import os
 import pathlib
 import re
 import select
-import shlex
 import signal
 import socket
 import subprocess
@@ -32,12 +31,12 @@ def wait_for(condition, what):
     pytest.fail(f"gave up waiting for {what}")
 
 
-def emulated(program, *options):
-    return shlex.split(os.environ.get("EMULATOR", "")) + [os.environ[program], *map(str, options)]
-
-
 def command(*options):
-    return emulated("STATUSD", *options)
+    return [os.environ["STATUSD"], *map(str, options)]
+
+
+def statusctl_command(*options):
+    return [os.environ["STATUSCTL"], *map(str, options)]
 
 
 def words_of(options):
@@ -51,7 +50,7 @@ def run_statusd(*options, **how):
 
 
 def statusctl(*options, prefix=()):
-    return subprocess.run([*prefix, *emulated("STATUSCTL", *options)], capture_output=True, text=True, errors="replace",
+    return subprocess.run([*prefix, *statusctl_command(*options)], capture_output=True, text=True, errors="replace",
                           timeout=PATIENCE)
 
 

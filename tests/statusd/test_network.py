@@ -202,7 +202,6 @@ def snapshots_in(log):
     return starts
 
 
-@pytest.mark.skipif(bool(os.environ.get("EMULATOR")), reason="strace would fail the emulator's calls")
 def test_tables_stay_when_the_kernel_cannot_be_asked(statusd, furnished, tmp_path):
     model = look(statusd, furnished, prefix=trace(tmp_path / "model"))
     model.next_snapshot()

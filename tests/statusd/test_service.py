@@ -340,7 +340,6 @@ STEPS = {
 
 
 @needs_root
-@pytest.mark.skipif(bool(os.environ.get("EMULATOR")), reason="strace would see the emulator's calls")
 def test_order_of_a_start(share, orphans, folder):
     """Nothing is shared and no thread runs before the rights are gone, and nothing is bound twice."""
     need(shutil.which("strace"), "strace is not installed")

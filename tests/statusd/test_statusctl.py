@@ -14,7 +14,7 @@ import threading
 import time
 
 import pytest
-from conftest import emulated, published, shared_objects, statusctl, wait_for
+from conftest import published, shared_objects, statusctl, statusctl_command, wait_for
 from namespaces import PATIENCE, Namespace, need
 
 KEYS = {"name", "pid", "url", "uptime_s", "loop_passes", "timers_fired", "requests", "clients", "published", "age_ms",
@@ -31,8 +31,6 @@ class Semaphore:
     """The semaphore of this name, made with this count when there is none."""
 
     def __init__(self, share, count=1):
-        if os.environ.get("EMULATOR"):
-            pytest.skip("semaphores of this Python are not those of the emulated machine")
         self.handle = libc.sem_open(share.encode(), os.O_CREAT, ctypes.c_uint(0o600), ctypes.c_uint(count))
         assert self.handle
 
@@ -228,7 +226,7 @@ def test_control_bytes_never_reach_the_terminal(share, statusd, tmp_path):
     statusd(share=share, command=script(tmp_path, f"printf 'begin{noise}end\\nmore'"))
     wait_for(lambda: (figures := published(share)) and figures["command"]["exit_code"] == 0, "the result")
     for options in ([], ["--json"]):
-        process = subprocess.run(emulated("STATUSCTL", *options, share), capture_output=True, timeout=PATIENCE)
+        process = subprocess.run(statusctl_command(*options, share), capture_output=True, timeout=PATIENCE)
         assert b"begin" in process.stdout and b"end" in process.stdout
         assert not re.search(rb"[\x00-\x09\x0b-\x1f\x7f]", process.stdout)
         if not options:  # An 8-bit terminal, and one that knows UTF-8, take these for the beginning of a sequence.
@@ -273,7 +271,6 @@ def test_help_and_version():
 # ------------------------------------------------------------------------------------------------------ nothing to read
 
 
-@pytest.mark.skipif(bool(os.environ.get("EMULATOR")), reason="strace would hold up the emulator's calls")
 def test_daemon_that_ends_between_two_looks_is_nobody(share, statusd):
     """The semaphore that is made then, in place of the one that the daemon has just removed, must not stay."""
     need(shutil.which("strace"), "strace is not installed")
@@ -281,7 +278,7 @@ def test_daemon_that_ends_between_two_looks_is_nobody(share, statusd):
     before = set(os.listdir("/dev/shm"))
     slow = ["strace", "-o", "/dev/null", "-e", "inject=link:delay_enter=2s"]  # That is how sem_open gives the name.
     # The sanitizers' leak check cannot look into a process that is traced; the other tests have it.
-    reader = subprocess.Popen([*slow, *emulated("STATUSCTL", share)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+    reader = subprocess.Popen([*slow, *statusctl_command(share)], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                               text=True, env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
     wait_for(lambda: set(os.listdir("/dev/shm")) - before, "the semaphore without its name")
     daemon.end()
@@ -401,7 +398,7 @@ def test_hostile_bytes_are_read_without_harm(share, original, seed):
                 noise[generator.randrange(16, len(noise))] = generator.choice([0, 1, 27, 127, 128, 155, 255])
         with forged(share, bytes(noise)) as semaphore:
             for options in ([], ["--json"]):
-                done = subprocess.run(emulated("STATUSCTL", *options, share), capture_output=True, timeout=PATIENCE)
+                done = subprocess.run(statusctl_command(*options, share), capture_output=True, timeout=PATIENCE)
                 assert done.returncode in (0, 1)
                 assert re.fullmatch(b"" if done.returncode == 0 else rb"statusctl: [^\x00-\x1f\x7f]+\n", done.stderr)
                 assert not re.search(rb"[\x00-\x09\x0b-\x1f\x7f]", done.stdout)

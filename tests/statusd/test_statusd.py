@@ -606,7 +606,6 @@ def test_new_listen_address_waits_for_the_next_start(statusd, tmp_path):
     assert daemon.status()["peer"]["state"] == "none"
 
 
-@pytest.mark.skipif(bool(os.environ.get("EMULATOR")), reason="strace would fail the emulator's calls")
 def test_loop_that_cannot_wait_ends_with_status_1_and_one_line():
     # The sanitizers' leak check cannot look into a process that is traced; the other tests have it.
     environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
